@@ -1,0 +1,24 @@
+# What every target of ours is built with, and the shape of a folder.
+
+add_library(vok_options INTERFACE)
+target_include_directories(vok_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(vok_options INTERFACE -Wall -Wextra
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wthread-safety-beta>)
+target_compile_definitions(vok_options INTERFACE
+  _FILE_OFFSET_BITS=64  # sizes of images, also where long has 4 bytes
+  VOK_RPC_TIMEOUT_MS=${VOK_RPC_TIMEOUT_MS})
+target_link_libraries(vok_options INTERFACE Threads::Threads)
+
+if(VOK_SANITIZE)
+  # Global, so that the generated code is instrumented as well.
+  add_compile_options(-fsanitize=${VOK_SANITIZE} -fno-omit-frame-pointer
+                      -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VOK_SANITIZE})
+endif()
+
+# vok_folder(NAME FILES...): the sources of one folder as the OBJECT library vok_NAME. OBJECT,
+# because CBroker's vtable (broker/) needs open/, whose files include broker/CBroker.h.
+function(vok_folder name)
+  add_library(vok_${name} OBJECT ${ARGN})
+  target_link_libraries(vok_${name} PUBLIC vok_options)
+endfunction()

@@ -1,0 +1,23 @@
+/// A pool of port numbers.
+#pragma once
+
+#include <set>
+
+namespace vok {
+
+/// Hands out the ports kFirstPoolPort to kLastPoolPort. Not thread-safe: its owner locks.
+class CSocketPorts {
+public:
+    CSocketPorts();
+
+    /// A free port, the lowest first; -1 when none is left.
+    int Lease();
+
+    /// Gives a leased port back. 0, or -1 when it is not out.
+    int Return(int nPort);
+
+private:
+    std::set<int> m_setFree;
+};
+
+}  // namespace vok

@@ -1,0 +1,83 @@
+#include "platform/Descriptors.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+#include "platform/CMutex.h"
+#include "platform/ScopeGuard.h"
+
+namespace vok {
+
+namespace {
+
+/// As far as the sweep looks when there is no /proc to ask.
+constexpr rlim_t kBlindSweep = 65536;
+
+void SweepOne(int nFd, const std::function<void(int nFd)>& onOff) {
+    const int nFlags = fcntl(nFd, F_GETFD);
+    if (nFlags < 0 || (nFlags & FD_CLOEXEC) != 0) return;
+    if (onOff) onOff(nFd);
+    (void)fcntl(nFd, F_SETFD, nFlags | FD_CLOEXEC);  // fails only when it has been closed meanwhile
+}
+
+struct FormerLimit {
+    CMutex mutex;
+    std::optional<rlimit> limit VOK_GUARDED_BY(mutex);
+};
+
+/// Never destroyed: EMPs may be started while the process ends.
+FormerLimit& TheFormerLimit() {
+    static FormerLimit& former = *new FormerLimit;
+    return former;
+}
+
+}  // namespace
+
+void SetCloseOnExec(const std::function<void(int nFd)>& onOff) {
+    DIR* const pFolder = opendir("/proc/self/fd");
+    if (pFolder == nullptr) {
+        const int nEnd = static_cast<int>(std::min(DescriptorLimit(), kBlindSweep));
+        for (int nFd = 3; nFd < nEnd; ++nFd) SweepOne(nFd, onOff);
+        return;
+    }
+    const ScopeGuard closeFolder{[&] { (void)closedir(pFolder); }};
+    while (const dirent* pEntry = readdir(pFolder)) {
+        const char* const szEnd = pEntry->d_name + std::strlen(pEntry->d_name);
+        int nFd = -1;
+        const auto result = std::from_chars(pEntry->d_name, szEnd, nFd);
+        if (result.ec != std::errc() || result.ptr != szEnd) continue;  // "." and ".."
+        if (nFd > 2) SweepOne(nFd, onOff);
+    }
+}
+
+void SetCloseOnExec(int nFd) {
+    SweepOne(nFd, nullptr);
+}
+
+void RaiseDescriptorLimit() {
+    FormerLimit& former = TheFormerLimit();
+    const CLock lock(former.mutex);
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+    rlimit raised = limit;
+    raised.rlim_cur = raised.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &raised) == 0 && !former.limit) former.limit = limit;
+}
+
+std::optional<rlimit> OriginalDescriptorLimit() {
+    FormerLimit& former = TheFormerLimit();
+    const CLock lock(former.mutex);
+    return former.limit;
+}
+
+rlim_t DescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;  // cannot happen; a usual value
+    return limit.rlim_cur;
+}
+
+}  // namespace vok

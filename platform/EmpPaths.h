@@ -1,0 +1,38 @@
+/// Every path of the file system that the broker knows.
+#pragma once
+
+#include <string>
+
+namespace vok::paths {
+
+inline constexpr char kDownloadedEmps[] = "/opt/down/emps";
+inline constexpr char kPreinstalledEmps[] = "/usr/bin/emps";
+
+/// Written once the broker serves, removed when it stops.
+inline constexpr char kReadyFlag[] = "/tmp/vok_ready";
+
+/// The browser plug-in set: an image like an EMP's, but mounted at a place of its own.
+inline constexpr char kPlugins[] = "PepperPlugins";
+inline constexpr char kPluginMountPoint[] = "/opt/down/pepper";
+/// Accessible when the plug-in set is mounted.
+inline constexpr char kPluginProbe[] = "/opt/down/pepper/webapis";
+/// Where a download puts the plug-in set's update.
+inline constexpr char kPluginDownload[] = "/opt/down/appbinarymanager/default/empPepperPlugins.img";
+
+/// What EMPs find in their environment beside the library path.
+inline constexpr char kGstRegistry[] = "GST_REGISTRY=/home/app/.gstreamer-0.10/registry.bin";
+inline constexpr char kGstRegistry1[] = "GST_REGISTRY_1_0=/home/app/.gstreamer-1.0/registry.bin";
+
+/// False for a name that would leave its folder or end early in a path: one that contains '/' or
+/// NUL, "." and "..". Such an EMP has no files.
+bool IsFileName(const std::string& strEmp);
+
+std::string MountPoint(const std::string& strEmp);           // /opt/down/emps/empN
+std::string ImageFile(const std::string& strEmp);            // /opt/down/emps/empN_img/empN.img
+std::string DownloadedProgram(const std::string& strEmp);    // /opt/down/emps/empN/empN
+std::string DownloadedConfig(const std::string& strEmp);     // /opt/down/emps/empN/empN.xml
+std::string PreinstalledProgram(const std::string& strEmp);  // /usr/bin/emps/empN/empN
+std::string PreinstalledConfig(const std::string& strEmp);   // /usr/bin/emps/empN/empN.xml
+std::string PreinstalledImage(const std::string& strEmp);    // /usr/bin/emps/empN/empN.img
+
+}  // namespace vok::paths

@@ -1,0 +1,239 @@
+#include "platform/Process.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <string_view>
+#include <thread>
+#include <type_traits>
+
+#include "platform/CUniqueFd.h"
+#include "platform/Descriptors.h"
+#include "platform/ScopeGuard.h"
+
+// Headers older than these calls; the numbers are the same on every architecture.
+#ifndef SYS_pidfd_send_signal
+#define SYS_pidfd_send_signal 424
+#endif
+#ifndef SYS_pidfd_open
+#define SYS_pidfd_open 434
+#endif
+#ifndef SYS_close_range
+#define SYS_close_range 436
+#endif
+
+namespace vok {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// How often a process is looked at where the kernel cannot tell that it has ended.
+constexpr std::chrono::milliseconds kEndPoll{10};
+
+/// The start time in the text of /proc/PID/stat; 0 for one that has ended, or for garbage.
+unsigned long long ParseStartTime(std::string_view strStat) {
+    // The second field is the program's name in parentheses; blanks and parentheses in it are not
+    // escaped. The third is the state, the 22nd the start time.
+    const std::size_t nName = strStat.rfind(')');
+    if (nName == std::string_view::npos || nName + 2 >= strStat.size()) return 0;
+    strStat.remove_prefix(nName + 2);
+    const char cState = strStat.front();
+    if (cState == 'Z' || cState == 'X' || cState == 'x') return 0;
+    for (int nField = 3; nField < 22; ++nField) {
+        const std::size_t nBlank = strStat.find(' ');
+        if (nBlank == std::string_view::npos) return 0;
+        strStat.remove_prefix(nBlank + 1);
+    }
+    unsigned long long nStartTime = 0;
+    const auto result =
+        std::from_chars(strStat.data(), strStat.data() + strStat.size(), nStartTime);
+    return result.ec == std::errc() ? nStartTime : 0;
+}
+
+bool IsRunning(const ProcessId& process) {
+    return process.nStartTime != 0 &&
+           IdentifyProcess(process.nPid).nStartTime == process.nStartTime;
+}
+
+CUniqueFd OpenPidFd(pid_t nPid) {
+    return CUniqueFd{static_cast<int>(::syscall(SYS_pidfd_open, nPid, 0))};
+}
+
+int MillisecondsUntil(Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    return static_cast<int>(std::clamp<long long>(left.count(), 0, 60'000));
+}
+
+// ---- The child between vfork and exec ----
+
+/// A signal set and a signal action as the kernel takes them, both empty: no signal, SIG_DFL.
+constexpr std::size_t kKernelSignalSet = (_NSIG - 1) / 8;
+constexpr char kNothing[64] = {};
+
+/// The kernel's struct rlimit64, whatever the C library's rlim_t is.
+struct KernelLimit {
+    std::uint64_t nSoft;
+    std::uint64_t nHard;
+};
+
+/// Everything that the child needs, and what it reports. The child borrows the parent's memory.
+struct ChildPlan {
+    const ExecRequest* pRequest;
+    bool bSetLimit;
+    KernelLimit limit;
+    int nHighestFd;
+    std::atomic<int> nExecErrno;
+};
+static_assert(std::is_trivially_destructible_v<ChildPlan>);
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<pid_t>::is_always_lock_free);
+
+constexpr std::size_t kChildStack = 64 * 1024;
+
+/// The highest open descriptor, for kernels that cannot close a range.
+int HighestFd() {
+    const int nBlind = static_cast<int>(std::min<rlim_t>(DescriptorLimit(), 65536));
+    DIR* const pFolder = ::opendir("/proc/self/fd");
+    if (pFolder == nullptr) return nBlind;
+    const ScopeGuard closeFolder{[&] { (void)::closedir(pFolder); }};
+    int nHighest = 2;
+    while (const dirent* pEntry = ::readdir(pFolder)) {
+        nHighest = std::max(nHighest, std::atoi(pEntry->d_name));  // 0 for "." and ".."
+    }
+    return nHighest;
+}
+
+/// Makes nothing but system calls, and those directly: the C library's wrappers keep books in the
+/// memory that still is the parent's. Sanitizers would, too.
+__attribute__((noinline, no_sanitize("address", "thread", "undefined"))) int RunChild(void* pArg) {
+    ChildPlan& plan = *static_cast<ChildPlan*>(pArg);
+    const ExecRequest& request = *plan.pRequest;
+    if (request.pPid != nullptr) {
+        request.pPid->store(static_cast<pid_t>(::syscall(SYS_getpid)));
+    }
+    if (request.bExecute) {
+        for (int nSignal = 1; nSignal < _NSIG; ++nSignal) {
+            (void)::syscall(SYS_rt_sigaction, nSignal, kNothing, nullptr, kKernelSignalSet);
+        }
+        if (plan.bSetLimit) {
+            (void)::syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, &plan.limit, nullptr);
+        }
+        if (::syscall(SYS_close_range, 3U, ~0U, 0U) != 0) {
+            for (int nFd = 3; nFd <= plan.nHighestFd; ++nFd) (void)::syscall(SYS_close, nFd);
+        }
+        (void)::syscall(SYS_rt_sigprocmask, SIG_SETMASK, kNothing, nullptr, kKernelSignalSet);
+        (void)::syscall(SYS_execve, request.szPath, request.argv, request.envp);
+        plan.nExecErrno.store(errno);
+    }
+    (void)::syscall(SYS_exit_group, 0);
+    __builtin_unreachable();
+}
+
+}  // namespace
+
+ProcessId IdentifyProcess(pid_t nPid) {
+    ProcessId process{nPid, 0};
+    if (nPid <= 0) return process;
+    char szPath[32];
+    std::snprintf(szPath, sizeof szPath, "/proc/%d/stat", static_cast<int>(nPid));
+    const CUniqueFd fd{::open(szPath, O_RDONLY | O_CLOEXEC)};
+    if (!fd.IsOpen()) return process;
+    char buffer[1024];  // 52 numbers and a name of 16 bytes (64 for a kernel thread)
+    ssize_t nRead = 0;
+    do {
+        nRead = ::read(fd.Get(), buffer, sizeof buffer);
+    } while (nRead < 0 && errno == EINTR);
+    if (nRead > 0) {
+        process.nStartTime = ParseStartTime({buffer, static_cast<std::size_t>(nRead)});
+    }
+    return process;
+}
+
+bool SignalProcess(const ProcessId& process, int nSignal) {
+    if (process.nPid <= 1 || process.nPid == ::getpid()) return false;
+    const CUniqueFd pidFd = OpenPidFd(process.nPid);
+    if (!pidFd.IsOpen() && (errno == ESRCH || errno == EINVAL)) return false;
+    // The descriptor stays with the process that it was opened for, so a start time that is right
+    // now says that it was opened for the right one.
+    if (!IsRunning(process)) return false;
+    if (pidFd.IsOpen()) {
+        return ::syscall(SYS_pidfd_send_signal, pidFd.Get(), nSignal, nullptr, 0) == 0;
+    }
+    return ::kill(process.nPid, nSignal) == 0;
+}
+
+bool AwaitProcessEnd(const ProcessId& process, std::chrono::milliseconds wait) {
+    const Clock::time_point deadline = Clock::now() + wait;
+    const CUniqueFd pidFd = OpenPidFd(process.nPid);
+    while (IsRunning(process)) {
+        const int nLeft = MillisecondsUntil(deadline);
+        if (nLeft == 0) return false;
+        if (pidFd.IsOpen()) {
+            pollfd poll{pidFd.Get(), POLLIN, 0};
+            (void)::poll(&poll, 1, nLeft);  // however it ends, the loop looks again
+        } else {
+            std::this_thread::sleep_for(std::min(kEndPoll, std::chrono::milliseconds(nLeft)));
+        }
+    }
+    return true;
+}
+
+ForkResult ForkAndExec(const ExecRequest& request) {
+    ForkResult result;
+    // A stack of its own: what the child leaves behind on it meets nothing of ours.
+    void* const pStack = ::mmap(nullptr, kChildStack, PROT_READ | PROT_WRITE,
+                                MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    if (pStack == MAP_FAILED) {
+        result.nForkErrno = errno;
+        return result;
+    }
+    const ScopeGuard freeStack{[&] { (void)::munmap(pStack, kChildStack); }};
+
+    ChildPlan plan{&request, false, {}, HighestFd(), {}};
+    plan.nExecErrno.store(0);
+    if (const auto limit = OriginalDescriptorLimit()) {
+        plan.bSetLimit = true;
+        plan.limit = {limit->rlim_cur, limit->rlim_max};
+    }
+
+    // No handler of ours may run in the child: it would run on our memory.
+    sigset_t all;
+    sigset_t former;
+    (void)sigfillset(&all);
+    (void)pthread_sigmask(SIG_SETMASK, &all, &former);
+    // These flags are vfork(2): the memory is shared, and we go on once the child has executed or
+    // ended. vfork itself would also share the stack frame, of which a compiler knows nothing.
+    result.nPid = ::clone(&RunChild, static_cast<char*>(pStack) + kChildStack,
+                          CLONE_VM | CLONE_VFORK | SIGCHLD, &plan);
+    if (result.nPid < 0) result.nForkErrno = errno;
+    (void)pthread_sigmask(SIG_SETMASK, &former, nullptr);
+
+    result.nExecErrno = plan.nExecErrno.load();
+    return result;
+}
+
+pid_t AwaitChild(pid_t nPid, int* pStatus) {
+    pid_t nResult = -1;
+    do {
+        nResult = ::waitpid(nPid, pStatus, 0);
+    } while (nResult < 0 && errno == EINTR);
+    return nResult;
+}
+
+}  // namespace vok

@@ -1,0 +1,36 @@
+#include "platform/ThreadMaker.h"
+
+#include <pthread.h>
+#include <sys/prctl.h>
+
+#include <csignal>
+
+#include "platform/ScopeGuard.h"
+
+namespace vok {
+
+bool ThreadMaker::CreateThread(const std::string& /*strName*/, void* (*pRoutine)(void*), void* pArg,
+                               unsigned int nStackSize, bool bDetached) {
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0) return false;
+    const ScopeGuard destroyAttr{[&] { (void)pthread_attr_destroy(&attr); }};
+    const int nState = bDetached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE;
+    if (pthread_attr_setdetachstate(&attr, nState) != 0) return false;
+    if (pthread_attr_setstacksize(&attr, nStackSize) != 0) return false;
+
+    // A new thread inherits the mask of its maker.
+    sigset_t all;
+    sigset_t former;
+    (void)sigfillset(&all);
+    if (pthread_sigmask(SIG_SETMASK, &all, &former) != 0) return false;
+    const ScopeGuard restoreMask{[&] { (void)pthread_sigmask(SIG_SETMASK, &former, nullptr); }};
+
+    pthread_t thread;
+    return pthread_create(&thread, &attr, pRoutine, pArg) == 0;
+}
+
+void ThreadMaker::NameThisThread(const char* szName) {
+    (void)prctl(PR_SET_NAME, szName, 0, 0, 0);  // fails only for a bad pointer
+}
+
+}  // namespace vok

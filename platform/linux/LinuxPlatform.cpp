@@ -1,0 +1,113 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <limits>
+
+#include "platform/CUniqueFd.h"
+#include "platform/Mount.h"
+#include "platform/Move.h"
+#include "platform/Platform.h"
+
+namespace vok {
+
+namespace {
+
+class CLinuxMounter : public IMounter {
+public:
+    bool Mount(const std::string& strImageFile, const std::string& strMountPoint) override {
+        return vok::Mount(strImageFile, strMountPoint);
+    }
+    bool Umount(const std::string& strMountPoint) override { return vok::Umount(strMountPoint); }
+    bool IsImgMounted(const std::string& strEmp) override { return vok::IsImgMounted(strEmp); }
+};
+
+/// Neither a FIFO nor a terminal makes us wait, and no terminal becomes ours.
+CUniqueFd OpenForReading(const char* szPath) {
+    return CUniqueFd{::open(szPath, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY)};
+}
+
+class CLinuxFiles : public IFiles {
+public:
+    bool Exists(const char* szPath) override {
+        struct stat info {};
+        return ::stat(szPath, &info) == 0;
+    }
+
+    bool IsAccessible(const char* szPath) override { return ::access(szPath, F_OK) == 0; }
+
+    std::optional<long> SizeOf(const char* szPath) override {
+        const CUniqueFd fd = OpenForReading(szPath);
+        struct stat info {};
+        if (!fd.IsOpen() || ::fstat(fd.Get(), &info) != 0) return std::nullopt;
+        constexpr off_t kMost = std::numeric_limits<long>::max();
+        return static_cast<long>(std::min<off_t>(info.st_size, kMost));
+    }
+
+    std::optional<std::string> FirstLine(const char* szPath, std::size_t nMost) override {
+        const CUniqueFd fd = OpenForReading(szPath);
+        if (!fd.IsOpen()) return std::nullopt;
+        std::string strLine(nMost, '\0');
+        std::size_t nLength = 0;
+        while (nLength < nMost) {
+            const ssize_t nRead = ::read(fd.Get(), &strLine[nLength], nMost - nLength);
+            if (nRead < 0 && errno == EINTR) continue;
+            if (nRead <= 0) break;  // the end, nothing to read yet, or a folder
+            nLength += static_cast<std::size_t>(nRead);
+        }
+        strLine.resize(nLength);
+        return strLine.substr(0, strLine.find('\n'));
+    }
+
+    bool Move(const std::string& strFrom, const std::string& strTo) override {
+        return vok::Move(strFrom, strTo);
+    }
+
+    bool CreateEmpty(const char* szPath) override {
+        constexpr int kFlags =
+            O_CREAT | O_TRUNC | O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        return CUniqueFd{::open(szPath, kFlags, 0644)}.IsOpen();
+    }
+
+    bool Remove(const char* szPath) override { return ::remove(szPath) == 0; }
+};
+
+class CLinuxProcesses : public IProcesses {
+public:
+    ForkResult ForkAndExec(const ExecRequest& request) override {
+        return vok::ForkAndExec(request);
+    }
+    pid_t AwaitChild(pid_t nPid, int* pStatus) override { return vok::AwaitChild(nPid, pStatus); }
+    ProcessId Identify(pid_t nPid) override { return IdentifyProcess(nPid); }
+    bool Signal(const ProcessId& process, int nSignal) override {
+        return SignalProcess(process, nSignal);
+    }
+    bool AwaitEnd(const ProcessId& process, std::chrono::milliseconds wait) override {
+        return AwaitProcessEnd(process, wait);
+    }
+};
+
+class CLinuxClock : public IClock {
+public:
+    void Sleep(std::chrono::microseconds time) override {
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+        timespec left{};
+        left.tv_sec = static_cast<time_t>(seconds.count());
+        left.tv_nsec = static_cast<long>((time - seconds).count()) * 1000;
+        while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) continue;
+    }
+};
+
+}  // namespace
+
+Platform LinuxPlatform() {
+    static Platform& platform =
+        *new Platform{new CLinuxMounter, new CLinuxFiles, new CLinuxProcesses, new CLinuxClock};
+    return platform;
+}
+
+}  // namespace vok
