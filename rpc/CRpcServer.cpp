@@ -1,0 +1,149 @@
+#include "rpc/CRpcServer.h"
+
+#include <pthread.h>
+#include <sys/socket.h>
+#include <thrift/concurrency/Exception.h>
+#include <thrift/concurrency/ThreadFactory.h>
+
+#include <algorithm>
+#include <climits>
+#include <thread>
+
+#include "platform/Descriptors.h"
+#include "platform/Limits.h"
+#include "platform/Log.h"
+#include "platform/ScopeGuard.h"
+
+namespace vok {
+
+using apache::thrift::concurrency::Runnable;
+using apache::thrift::concurrency::Synchronized;
+using apache::thrift::concurrency::SystemResourceException;
+using apache::thrift::concurrency::Thread;
+using apache::thrift::transport::TTransportException;
+
+namespace {
+
+/// A connection's thread. The library's own has the stack of the process, 8 MiB as a rule, and
+/// cannot be disposed of when it could not be started. To the base class it is a detached thread
+/// that was never begun, so that it leaves the real one alone.
+class CConnectionThread : public Thread {
+public:
+    explicit CConnectionThread(std::shared_ptr<Runnable> pRunnable)
+        : Thread(true, std::move(pRunnable)) {}
+
+    ~CConnectionThread() override {
+        if (m_bJoinable) (void)pthread_detach(m_Thread);
+    }
+
+    /// Throws SystemResourceException.
+    void start() override {
+        pthread_attr_t attributes;
+        if (pthread_attr_init(&attributes) != 0)
+            throw SystemResourceException("no thread attributes");
+        const ScopeGuard destroyAttributes{[&] { (void)pthread_attr_destroy(&attributes); }};
+
+        // The thread keeps its own object alive.
+        auto pSelf = std::make_unique<std::shared_ptr<Thread>>(shared_from_this());
+        if (pthread_attr_setstacksize(&attributes, kConnectionStack) != 0 ||
+            pthread_create(&m_Thread, &attributes, &CConnectionThread::Main, pSelf.get()) != 0)
+            throw SystemResourceException("no thread");
+        (void)pSelf.release();
+        m_bJoinable = true;
+    }
+
+    void join() override {
+        if (!m_bJoinable) return;
+        m_bJoinable = false;
+        (void)pthread_join(m_Thread, nullptr);
+    }
+
+private:
+    static void* Main(void* pArgument) {
+        const std::unique_ptr<std::shared_ptr<Thread>> pSelf{
+            static_cast<std::shared_ptr<Thread>*>(pArgument)};
+        threadMain(*pSelf);
+        return nullptr;
+    }
+
+    pthread_t m_Thread{};
+    bool m_bJoinable = false;
+};
+
+class CConnectionThreadFactory : public apache::thrift::concurrency::ThreadFactory {
+public:
+    CConnectionThreadFactory() : ThreadFactory(false) {}
+    std::shared_ptr<Thread> newThread(std::shared_ptr<Runnable> pRunnable) const override {
+        const auto pThread = std::make_shared<CConnectionThread>(pRunnable);
+        pRunnable->thread(pThread);
+        return pThread;
+    }
+};
+
+/// True while the socket still accepts connections: the failure was a passing one.
+bool IsListening(int nFd) {
+    int nListening = 0;
+    socklen_t nSize = sizeof nListening;
+    return ::getsockopt(nFd, SOL_SOCKET, SO_ACCEPTCONN, &nListening, &nSize) == 0 &&
+           nListening != 0;
+}
+
+}  // namespace
+
+CRpcServerSocket::CRpcServerSocket(const std::string& strAddress, int nPort)
+    : TServerSocket(strAddress, nPort) {}
+
+void CRpcServerSocket::listen() {
+    TServerSocket::listen();
+    SetCloseOnExec([](int) {});  // the library also keeps sockets to interrupt itself with
+}
+
+std::shared_ptr<apache::thrift::transport::TTransport> CRpcServerSocket::acceptImpl() {
+    try {
+        return TServerSocket::acceptImpl();
+    } catch (const TTransportException& e) {
+        if (e.getType() != TTransportException::UNKNOWN || !IsListening(getSocketFD())) throw;
+        VOK_CLASS_LOG_AS("CRpcServerSocket", "accept", LEVEL_ERROR,
+                         "A client could not be accepted: %s", e.what());
+        // Whatever was short needs time to come back; the client waits in the backlog.
+        std::this_thread::sleep_for(kAcceptPause);
+        throw TTransportException(TTransportException::TIMED_OUT, e.what());  // serving goes on
+    }
+}
+
+std::shared_ptr<apache::thrift::transport::TSocket> CRpcServerSocket::createSocket(
+    THRIFT_SOCKET client) {
+    SetCloseOnExec(client);
+    return TServerSocket::createSocket(client);
+}
+
+long ConnectionLimit(unsigned long nDescriptors) {
+    const unsigned long nReserve = std::max<unsigned long>(nDescriptors / 4, 64);
+    const unsigned long nLimit = nDescriptors > nReserve ? nDescriptors - nReserve : 1;
+    return static_cast<long>(std::min<unsigned long>(nLimit, LONG_MAX));
+}
+
+CRpcServer::CRpcServer(
+    const std::shared_ptr<apache::thrift::TProcessor>& pProcessor,
+    const std::shared_ptr<CRpcServerSocket>& pSocket,
+    const std::shared_ptr<apache::thrift::transport::TTransportFactory>& pTransports,
+    const std::shared_ptr<apache::thrift::protocol::TProtocolFactory>& pProtocols)
+    : TThreadedServer(pProcessor, pSocket, pTransports, pProtocols,
+                      std::make_shared<CConnectionThreadFactory>()) {
+    setConcurrentClientLimit(
+        ConnectionLimit(static_cast<unsigned long>(std::min<rlim_t>(DescriptorLimit(), LONG_MAX))));
+}
+
+void CRpcServer::onClientConnected(
+    const std::shared_ptr<apache::thrift::server::TConnectedClient>& pClient) {
+    try {
+        TThreadedServer::onClientConnected(pClient);
+    } catch (const std::exception& e) {
+        VOK_CLASS_LOG_AS("CRpcServer", "onClientConnected", LEVEL_ERROR,
+                         "A client is dropped, it gets no thread: %s", e.what());
+        const Synchronized sync{clientMonitor_};
+        activeClientMap_.erase(pClient.get());
+    }
+}
+
+}  // namespace vok

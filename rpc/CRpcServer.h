@@ -1,0 +1,47 @@
+/// The RPC library's threaded server, made to survive its clients.
+#pragma once
+
+#include <thrift/server/TThreadedServer.h>
+#include <thrift/transport/TServerSocket.h>
+
+#include <memory>
+#include <string>
+
+namespace vok {
+
+/// A listening socket on a TCP address and port. What only concerns one client (it has gone again,
+/// descriptors or memory are short for a moment) never ends the accepting, as it would in the
+/// library. Its descriptors are close-on-exec.
+class CRpcServerSocket : public apache::thrift::transport::TServerSocket {
+public:
+    CRpcServerSocket(const std::string& strAddress, int nPort);
+
+    void listen() override;
+
+protected:
+    std::shared_ptr<apache::thrift::transport::TTransport> acceptImpl() override;
+    std::shared_ptr<apache::thrift::transport::TSocket> createSocket(THRIFT_SOCKET client) override;
+};
+
+/// One thread for each client, with kConnectionStack bytes of stack and all signals blocked when
+/// the thread that serves has them blocked. A client for which no thread can be made is dropped.
+///
+/// Connections are limited so that descriptors are left for calls to peers; further clients wait in
+/// the backlog until one leaves.
+class CRpcServer : public apache::thrift::server::TThreadedServer {
+public:
+    CRpcServer(const std::shared_ptr<apache::thrift::TProcessor>& pProcessor,
+               const std::shared_ptr<CRpcServerSocket>& pSocket,
+               const std::shared_ptr<apache::thrift::transport::TTransportFactory>& pTransports,
+               const std::shared_ptr<apache::thrift::protocol::TProtocolFactory>& pProtocols);
+
+protected:
+    void onClientConnected(
+        const std::shared_ptr<apache::thrift::server::TConnectedClient>& pClient) override;
+};
+
+/// How many clients may be connected at once when the process may have `nDescriptors` open: a
+/// quarter, and at least 64, is left for everything else.
+long ConnectionLimit(unsigned long nDescriptors);
+
+}  // namespace vok

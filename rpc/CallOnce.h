@@ -1,0 +1,61 @@
+/// How the broker calls its peers: a fresh connection for every call.
+#pragma once
+
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TSocket.h>
+
+#include <memory>
+#include <string>
+
+#include "platform/Descriptors.h"
+#include "platform/Limits.h"
+
+namespace vok {
+
+/// Read and write buffer of every outbound connection, in bytes.
+inline constexpr unsigned int kRpcBuffer = 512;
+
+/// Where a peer serves: a TCP host and port, or a Unix domain socket path.
+struct RpcAddress {
+    std::string strHost;
+    int nPort = 0;
+    std::string strPath;  // not empty: the path counts, host and port do not
+};
+
+/// The number that a port text begins with; 0 when it begins with none, and the nearest int when it
+/// is too large.
+int PortNumber(const std::string& strPort);
+
+/// A socket to `address`, not open yet, with the time-outs of Limits.h.
+std::shared_ptr<apache::thrift::transport::TSocket> MakeRpcSocket(const RpcAddress& address);
+
+/// Opens a connection to `address`, runs `call(client)` on it, closes it. `Client` is a generated
+/// one, e.g. VokEmpClient. Blocks for the whole call; without time-outs, as long as the peer likes.
+///
+/// True when all of it went well. When the RPC library throws, `onError(szWhat)` is called with the
+/// exception's text and the result is false; this includes a failure to close after `call` has
+/// returned. Every other exception passes to the caller. The connection is closed in any case.
+template <typename Client, typename Call, typename OnError>
+bool CallOnce(const RpcAddress& address, Call&& call, OnError&& onError) {
+    using apache::thrift::protocol::TBinaryProtocol;
+    using apache::thrift::transport::TBufferedTransport;
+
+    try {
+        const auto pSocket = MakeRpcSocket(address);
+        const auto pTransport =
+            std::make_shared<TBufferedTransport>(pSocket, kRpcBuffer, kRpcBuffer);
+        Client client{std::make_shared<TBinaryProtocol>(pTransport)};
+
+        pTransport->open();
+        SetCloseOnExec(static_cast<int>(pSocket->getSocketFD()));
+        call(client);
+        pTransport->close();
+        return true;
+    } catch (const apache::thrift::TException& e) {
+        onError(e.what());
+        return false;
+    }
+}
+
+}  // namespace vok
