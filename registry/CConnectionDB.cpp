@@ -1,0 +1,189 @@
+#include "registry/CConnectionDB.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <utility>
+
+#include "platform/Log.h"
+
+namespace vok {
+namespace {
+
+int AsNumber(const std::string& strPort) {
+    const long nPort = std::strtol(strPort.c_str(), nullptr, 10);
+    return static_cast<int>(
+        std::clamp<long>(nPort, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+}
+
+}  // namespace
+
+int CConnectionDB::Lease() {
+    const CLock lock{m_mtxConnection};
+    return m_SocketPorts.Lease();
+}
+
+int CConnectionDB::Return(int nPort) {
+    const CLock lock{m_mtxConnection};
+    return m_SocketPorts.Return(nPort);
+}
+
+// Lock-free, so that a table whose lock is stuck can still be looked at.
+VOK_TSA(no_thread_safety_analysis) void CConnectionDB::PrintAll() {
+    for (const auto& [key, data] : m_mapConnection) {
+        VOK_LOG(LEVEL_DETAIL, "name:[%s], empPort:[%s]", key.first.c_str(), key.second.c_str());
+        for (const std::string& strClientPort : data.m_setClientPort)
+            VOK_LOG(LEVEL_DETAIL, ", clientPort:[%s] ", strClientPort.c_str());
+        VOK_LOG(LEVEL_DETAIL, "-------------------");
+    }
+}
+
+std::string CConnectionDB::GetEmpPort(std::string strName) {
+    const CLock lock{m_mtxConnection};
+    // The empty port sorts before every other one: the first entry from here on is the name's
+    // first.
+    const auto it = m_mapConnection.lower_bound({strName, {}});
+    if (it == m_mapConnection.end() || it->first.first != strName) return "-1";
+    return it->first.second;
+}
+
+int CConnectionDB::IncreasePendingCount(ConnectionKey key) {
+    const CLock lock{m_mtxConnection};
+    const auto it = m_mapConnection.find(key);
+    if (it == m_mapConnection.end()) return 0;
+
+    int& nCount = it->second.m_nPendingCount;
+    // The health ping compares the count *before* this failure with its limit.
+    return nCount == std::numeric_limits<int>::max() ? nCount : nCount++;
+}
+
+void CConnectionDB::ResetPendingCount(ConnectionKey key) {
+    const CLock lock{m_mtxConnection};
+    const auto it = m_mapConnection.find(key);
+    if (it != m_mapConnection.end()) it->second.m_nPendingCount = 0;
+}
+
+std::vector<ConnectionKey> CConnectionDB::GetConnectionKeyList() {
+    const CLock lock{m_mtxConnection};
+    std::vector<ConnectionKey> keys;
+    keys.reserve(m_mapConnection.size());
+    for (const auto& entry : m_mapConnection) keys.push_back(entry.first);
+    return keys;
+}
+
+ConnectionMap CConnectionDB::GetConnectionDB() {
+    const CLock lock{m_mtxConnection};
+    return m_mapConnection;
+}
+
+std::set<std::string> CConnectionDB::GetClientPortNumList(ConnectionKey key) {
+    const CLock lock{m_mtxConnection};
+    const auto it = m_mapConnection.find(key);
+    return it == m_mapConnection.end() ? std::set<std::string>{} : it->second.m_setClientPort;
+}
+
+bool CConnectionDB::AddConnectionData(ConnectionKey key, std::string strClientPort) {
+    VOK_LOG(LEVEL_TRACE, "key[%s][%s]. clientPort:[%s]", key.first.c_str(), key.second.c_str(),
+            strClientPort.c_str());
+    const CLock lock{m_mtxConnection};
+    const auto it = m_mapConnection.find(key);
+    if (it == m_mapConnection.end()) {
+        m_mapConnection.emplace(std::move(key), struct_conn_DB_Data_DB{{strClientPort}, 0});
+        return true;
+    }
+    if (!it->second.m_setClientPort.insert(strClientPort).second) {
+        VOK_LOG(LEVEL_ERROR, "[%s][%s] is already in DB.. cannot add", key.first.c_str(),
+                key.second.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool CConnectionDB::RemoveClientPortFromConnDB(ConnectionKey key, std::string strClientPort) {
+    const CLock lock{m_mtxConnection};
+    const auto it = m_mapConnection.find(key);
+    if (it == m_mapConnection.end()) {
+        VOK_LOG(LEVEL_ERROR, "Remove client:[%s], but Connection key <%s,%s> is not in the DB.",
+                strClientPort.c_str(), key.first.c_str(), key.second.c_str());
+        return false;
+    }
+    if (it->second.m_setClientPort.erase(strClientPort) == 0) {
+        VOK_LOG(LEVEL_ERROR, "the client:[%s] to be removed isn't in the DB.",
+                strClientPort.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool CConnectionDB::RemoveConnectionData(const ConnectionKey& key, std::string strClientPort) {
+    const CLock lock{m_mtxConnection};
+    const auto it = m_mapConnection.find(key);
+    if (it == m_mapConnection.end()) {
+        VOK_LOG(LEVEL_ERROR, "[%s][%s] is not in DB..  cannot remove. clientPort[%s]",
+                key.first.c_str(), key.second.c_str(), strClientPort.c_str());
+        return false;
+    }
+    if (it->second.m_setClientPort.erase(strClientPort) == 0) {
+        VOK_LOG(LEVEL_ERROR, "clientPort:[%s] is not in DB..  cannot remove. The Key is [%s][%s]",
+                strClientPort.c_str(), key.first.c_str(), key.second.c_str());
+        return false;
+    }
+    if (it->second.m_setClientPort.empty()) m_mapConnection.erase(it);
+    return true;
+}
+
+bool CConnectionDB::RemoveEmpInfoFromConnDB(const ConnectionKey& key) {
+    const CLock lock{m_mtxConnection};
+    if (m_mapConnection.erase(key) == 0) {
+        VOK_LOG(LEVEL_ERROR, "Not found, Connection key <%s,%s> is not in the DB.",
+                key.first.c_str(), key.second.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool CConnectionDB::ModifyConnectionData(const ConnectionKey& key, eServerType eType,
+                                         std::string strOldValue, std::string strNewValue) {
+    VOK_LOG(LEVEL_DETAIL, "Before modify");
+    const CLock lock{m_mtxConnection};
+    const auto it = m_mapConnection.find(key);
+    if (it == m_mapConnection.end()) {
+        // The port as a number here and as text below: readers of the log know the two apart by it.
+        VOK_LOG(LEVEL_ERROR,
+                "There is no key in DB. key[%s]callback[%d]. serverType[%d]. old[%s], new[%s]",
+                key.first.c_str(), AsNumber(key.second), eType, strOldValue.c_str(),
+                strNewValue.c_str());
+        return false;
+    }
+    if (eType == SERVER_TYPE_CALLBACK) {
+        it->second.m_setClientPort.erase(strOldValue);
+        it->second.m_setClientPort.insert(strNewValue);
+    } else if (eType == SERVER_TYPE_EMP) {
+        MoveToPort(it, strOldValue, strNewValue);
+    } else {
+        // The key is there; the text is what an unknown type has always been told.
+        VOK_LOG(LEVEL_ERROR,
+                "There is no key in DB. key[%s]callback[%s]. serverType[%d]. old[%s], new[%s]",
+                key.first.c_str(), key.second.c_str(), eType, strOldValue.c_str(),
+                strNewValue.c_str());
+        return false;
+    }
+    VOK_LOG(LEVEL_DETAIL, "After modify");
+    return true;
+}
+
+void CConnectionDB::MoveToPort(ConnectionMap::iterator it, const std::string& strOldPort,
+                               const std::string& strNewPort) {
+    const auto& [strName, strStoredPort] = it->first;
+    if (strStoredPort != strOldPort) {
+        VOK_LOG_AS("ModifyConnectionData", LEVEL_ERROR,
+                   "[%s] empPort was not matched. old[%s], new[%s]", strName.c_str(),
+                   strStoredPort.c_str(), strOldPort.c_str());
+    }
+    // Does nothing where there is an entry already, also when that is this one: the entry that is
+    // moved vanishes then.
+    m_mapConnection.emplace(ConnectionKey{strName, strNewPort}, it->second);
+    m_mapConnection.erase(it);
+}
+
+}  // namespace vok

@@ -1,0 +1,95 @@
+/// Which clients are connected to which running EMP server.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/CMutex.h"
+#include "platform/CSocketPorts.h"
+
+namespace vok {
+
+/// (EMP name, EMP port as decimal text); ordered by name, then by port, each by bytes.
+using ConnectionKey = std::pair<std::string, std::string>;
+
+/// What is kept of one EMP server.
+struct struct_conn_DB_Data_DB {
+    /// The callback ports (decimal text) of its clients.
+    std::set<std::string> m_setClientPort;
+    /// How many pings in a row it failed to answer.
+    int m_nPendingCount = 0;
+};
+
+/// Which port `CConnectionDB::ModifyConnectionData` changes.
+enum eServerType : int {
+    SERVER_TYPE_EMP = 0,       // the EMP's own, which is part of the key
+    SERVER_TYPE_CALLBACK = 1,  // a client's
+};
+
+using ConnectionMap = std::map<ConnectionKey, struct_conn_DB_Data_DB>;
+
+/// The connections of all EMP servers. Several servers may share an EMP name. An entry may outlive
+/// its last client: see RemoveClientPortFromConnDB.
+///
+/// Thread-safe, except PrintAll. Every operation takes the one lock and returns copies, so callers
+/// iterate and make RPCs without it, and an entry may be gone before its caller acts on it.
+/// Innermost lock: only the port pool and the logger are called under it.
+class CConnectionDB {
+public:
+    CConnectionDB() = default;
+    CConnectionDB(const CConnectionDB&) = delete;
+    CConnectionDB& operator=(const CConnectionDB&) = delete;
+
+    /// The port pool's operations, under the lock.
+    int Lease();
+    int Return(int nPort);
+
+    /// Logs the table. Takes no lock: for diagnostics, while nothing changes the table.
+    void PrintAll();
+
+    /// The port of the EMP's first server in key order; "-1" when it has none.
+    std::string GetEmpPort(std::string strName);
+
+    /// Counts a failed ping. Returns the count *before* it; 0 for an unknown key.
+    int IncreasePendingCount(ConnectionKey key);
+    void ResetPendingCount(ConnectionKey key);
+
+    /// Every key, in key order.
+    std::vector<ConnectionKey> GetConnectionKeyList();
+    ConnectionMap GetConnectionDB();
+    /// Empty for an unknown key.
+    std::set<std::string> GetClientPortNumList(ConnectionKey key);
+
+    /// Connects a client. False, and nothing changes, when it is already connected.
+    bool AddConnectionData(ConnectionKey key, std::string strClientPort);
+
+    /// A client leaves and the EMP stays alive: the entry stays, also without clients. False when
+    /// the client is not connected.
+    bool RemoveClientPortFromConnDB(ConnectionKey key, std::string strClientPort);
+
+    /// A connection ends for good: its entry goes with its last client. False when the client is
+    /// not connected.
+    bool RemoveConnectionData(const ConnectionKey& key, std::string strClientPort);
+
+    /// An EMP server is gone, whoever was connected. False for an unknown key.
+    bool RemoveEmpInfoFromConnDB(const ConnectionKey& key);
+
+    /// Replaces a port. SERVER_TYPE_CALLBACK: the client `strOldValue` becomes `strNewValue`.
+    /// SERVER_TYPE_EMP: the entry moves to the EMP port `strNewValue`, clients and pending count
+    /// included; the port that it already has makes it vanish. False for an unknown key or type.
+    bool ModifyConnectionData(const ConnectionKey& key, eServerType eType, std::string strOldValue,
+                              std::string strNewValue);
+
+private:
+    void MoveToPort(ConnectionMap::iterator it, const std::string& strOldPort,
+                    const std::string& strNewPort) VOK_REQUIRES(m_mtxConnection);
+
+    ConnectionMap m_mapConnection VOK_GUARDED_BY(m_mtxConnection);
+    CSocketPorts m_SocketPorts VOK_GUARDED_BY(m_mtxConnection);
+    CMutex m_mtxConnection;
+};
+
+}  // namespace vok

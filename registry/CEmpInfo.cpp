@@ -1,0 +1,138 @@
+#include "registry/CEmpInfo.h"
+
+#include <boost/make_shared.hpp>
+
+#include <utility>
+
+#include "platform/Log.h"
+
+namespace vok {
+
+CEmpDataInfo::CEmpDataInfo(std::string strName, std::string strVersion, EMP_STATUS eStatus)
+    : m_strName(std::move(strName)), m_strVersion(std::move(strVersion)), m_eStatus(eStatus) {}
+
+bool CEmpDataInfo::SetOption(const std::string& strOption) {
+    m_strOption.replace(0, strOption.size(), strOption);
+    VOK_CLASS_LOG("CEmpDataInfo", LEVEL_DETAIL, "member option [%s] , parameter [%s]",
+                  m_strOption.c_str(), strOption.c_str());
+    return true;
+}
+
+const std::string& CEmpDataInfo::GetOption() const {
+    VOK_CLASS_LOG("CEmpDataInfo", LEVEL_DETAIL, "member option [%s] ", m_strOption.c_str());
+    return m_strOption;
+}
+
+bool CEmpDataInfo::SetStatus(EMP_STATUS eStatus) {
+    m_eStatus = eStatus;
+    return true;
+}
+
+bool CEmpDataInfo::SetEmpPid(int nPid) {
+    return SetEmpProcess({nPid, 0});
+}
+
+bool CEmpDataInfo::SetEmpProcess(const ProcessId& process) {
+    m_nPid = process.nPid;
+    m_nStartTime = process.nStartTime;
+    return true;
+}
+
+bool CEmpInfo::Add(const std::string& strName, const std::string& strVersion) {
+    const CLock lock{m_mtxInfo};
+    if (Find(strName)) {
+        VOK_CLASS_LOG("CEmpInfo", LEVEL_DETAIL, "[%s] is already in map", strName.c_str());
+        return false;
+    }
+    VOK_CLASS_LOG("CEmpInfo", LEVEL_DETAIL, "Add a new item to mapInfo: ");
+    m_mapInfo.emplace(strName, boost::make_shared<CEmpDataInfo>(strName, strVersion, EMP_ADDED));
+    return true;
+}
+
+bool CEmpInfo::Remove(std::string strName) {
+    const CLock lock{m_mtxInfo};
+    m_mapInfo.erase(strName);
+    return true;
+}
+
+bool CEmpInfo::IsAdded(std::string strName) {
+    const CLock lock{m_mtxInfo};
+    return Find(strName) != nullptr;
+}
+
+bool CEmpInfo::SetTypeOption(std::string strName, const std::string& strOption) {
+    const CLock lock{m_mtxInfo};
+    CEmpDataInfo* const pInfo = Find(strName);
+    if (!pInfo) {
+        VOK_CLASS_LOG("CEmpInfo", LEVEL_ERROR, "[%s] is not in map", strName.c_str());
+        return false;
+    }
+    VOK_CLASS_LOG("CEmpInfo", LEVEL_TRACE, "[%s] has an option [%s] ", strName.c_str(),
+                  strOption.c_str());
+    return pInfo->SetOption(strOption);
+}
+
+std::string CEmpInfo::GetTypeOption(std::string strName) {
+    const CLock lock{m_mtxInfo};
+    const CEmpDataInfo* const pInfo = Find(strName);
+    return pInfo ? pInfo->GetOption() : std::string{};
+}
+
+bool CEmpInfo::SetTypeStatus(std::string strName, const EMP_STATUS& eStatus) {
+    const CLock lock{m_mtxInfo};
+    CEmpDataInfo* const pInfo = Find(strName);
+    if (!pInfo) {
+        VOK_CLASS_LOG("CEmpInfo", LEVEL_ERROR, "error : %s is not found setStatus(%d)",
+                      strName.c_str(), eStatus);
+        return false;
+    }
+    return pInfo->SetStatus(eStatus);
+}
+
+EMP_STATUS CEmpInfo::GetTypeStatus(std::string strName) {
+    const CLock lock{m_mtxInfo};
+    const CEmpDataInfo* const pInfo = Find(strName);
+    return pInfo ? pInfo->GetStatus() : EMP_NOT_FOUND;
+}
+
+bool CEmpInfo::SetEmpPid(std::string strName, int nPid) {
+    return SetEmpProcess(strName, {nPid, 0});
+}
+
+int CEmpInfo::GetEmpPid(std::string strName) {
+    return GetEmpProcess(strName).nPid;
+}
+
+bool CEmpInfo::SetEmpProcess(const std::string& strName, const ProcessId& process) {
+    const CLock lock{m_mtxInfo};
+    CEmpDataInfo* const pInfo = Find(strName);
+    if (!pInfo) {
+        VOK_CLASS_LOG_AS("CEmpInfo", "SetEmpPid", LEVEL_ERROR,
+                         "error : %s is not found SetEmpPid(%d)", strName.c_str(), process.nPid);
+        return false;
+    }
+    return pInfo->SetEmpProcess(process);
+}
+
+ProcessId CEmpInfo::GetEmpProcess(const std::string& strName) {
+    const CLock lock{m_mtxInfo};
+    const CEmpDataInfo* const pInfo = Find(strName);
+    return pInfo ? pInfo->GetEmpProcess() : ProcessId{};
+}
+
+std::string CEmpInfo::GetTypeVersion(std::string) {
+    const CLock lock{m_mtxInfo};
+    return {};
+}
+
+bool CEmpInfo::SetTypeVersion(std::string, std::string) {
+    const CLock lock{m_mtxInfo};
+    return true;
+}
+
+CEmpDataInfo* CEmpInfo::Find(const std::string& strName) {
+    const auto it = m_mapInfo.find(strName);
+    return it == m_mapInfo.end() ? nullptr : it->second.get();
+}
+
+}  // namespace vok
