@@ -1,0 +1,85 @@
+// The broker's RPC server: a thread that accepts, and a thread for each client.
+#include <boost/shared_ptr.hpp>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+
+#include "broker/CBroker.h"
+#include "broker/Globals.h"
+#include "platform/Limits.h"
+#include "platform/Log.h"
+#include "platform/ThreadMaker.h"
+#include "rpc/CRpcServer.h"
+
+namespace vok {
+
+namespace {
+
+#define SERVER_LOG(level, ...) VOK_LOG_AS("BrokerServer", level, __VA_ARGS__)
+
+/// Tells when the server listens.
+class CListenEvent : public apache::thrift::server::TServerEventHandler {
+public:
+    explicit CListenEvent(std::function<void()> onListening)
+        : m_OnListening(std::move(onListening)) {}
+    void preServe() override { m_OnListening(); }
+
+private:
+    const std::function<void()> m_OnListening;
+};
+
+}  // namespace
+
+void* CBroker::BrokerServer(void* pSelf) {
+    CBroker& broker = *static_cast<CBroker*>(pSelf);
+    ThreadMaker::NameThisThread("VOK-B-Server");
+    broker.Serve();
+    SERVER_LOG(LEVEL_DETAIL, "BrokerServer:: returned from serve()");
+    gbVokBrokerServerFail = true;
+    broker.OnServerEnds();  // the last touch: the broker may be gone after it
+    return nullptr;
+}
+
+void CBroker::Serve() {
+    using namespace apache::thrift;
+    try {
+        const auto pProtocols = std::make_shared<protocol::TBinaryProtocolFactory>();
+        // Not owned: the broker outlives its server, which it holds.
+        const std::shared_ptr<VokBrokerIf> pHandler{std::shared_ptr<void>{}, this};
+        const auto pProcessor = std::make_shared<VokBrokerProcessor>(pHandler);
+        SERVER_LOG(LEVEL_DETAIL, "Broker Server Type:[TCP].");
+
+        const auto pServer = std::make_shared<CRpcServer>(
+            pProcessor, std::make_shared<CRpcServerSocket>(kBrokerAddress, kBrokerPort),
+            std::make_shared<transport::TBufferedTransportFactory>(), pProtocols);
+        pServer->setServerEventHandler(
+            std::make_shared<CListenEvent>([this] { OnServerListens(); }));
+        SERVER_LOG(LEVEL_DETAIL, "BrokerServer just before starts");
+
+        std::atomic_store(&m_pBrokerServer, std::shared_ptr<server::TThreadedServer>(pServer));
+        pServer->serve();
+    } catch (const std::exception& e) {
+        SERVER_LOG(LEVEL_ERROR, "The broker cannot serve on %s:%d: %s", kBrokerAddress, kBrokerPort,
+                   e.what());
+    }
+}
+
+void CBroker::OnServerListens() {
+    m_eServerState = SERVER_LISTENING;
+    (void)m_ServerStarted.NotifyOne();
+    // A stop that came before there was a socket to interrupt has gone unheard.
+    if (m_bStopRequested) StopServer();
+}
+
+void CBroker::OnServerEnds() {
+    if (m_eServerState == SERVER_STARTING) {
+        m_eServerState = SERVER_FAILED;
+        (void)m_ServerStarted.NotifyOne();
+    }
+    (void)m_ServerEnded.NotifyOne();
+}
+
+void CBroker::StopServer() {
+    if (const auto pServer = std::atomic_load(&m_pBrokerServer)) pServer->stop();
+}
+
+}  // namespace vok

@@ -1,0 +1,97 @@
+// The broker's birth and death.
+#include "broker/CBroker.h"
+
+#include <thrift/server/TThreadedServer.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "broker/Globals.h"
+#include "platform/Limits.h"
+#include "platform/Log.h"
+#include "platform/ScopeGuard.h"
+
+namespace vok {
+
+template <>
+CBroker* CSingleton<CBroker>::m_hInstance = nullptr;
+
+namespace {
+
+/// The framework's place for the one instance, set before any member is made and cleared after the
+/// last one has gone.
+CBroker* SetInstance(CBroker* pBroker) {
+    CSingleton<CBroker>::m_hInstance = pBroker;
+    return pBroker;
+}
+
+}  // namespace
+
+CBroker::CBroker(Platform platform) : m_Platform((SetInstance(this), platform)) {
+    is_vok_client_log_info_initialized = true;
+    if (!SetLibraryPath()) return;
+    MakeTicketMutex();
+    VOK_LOG(LEVEL_DETAIL, "Creator started.");
+}
+
+CBroker::~CBroker() {
+    VOK_LOG(LEVEL_DETAIL, "Destory");
+    Destory();
+    // Connection threads work on this object until the server has ended.
+    if (m_bServerLaunched) (void)m_ServerEnded.Wait(0);
+    while (m_nStopsUnderWay > 0) m_Platform.pClock->Sleep(kStopPoll);
+    std::free(gpVokBrokerLibraryPath);
+    gpVokBrokerLibraryPath = nullptr;
+    SetInstance(nullptr);
+}
+
+/// False when memory is short: the construction ends there.
+bool CBroker::SetLibraryPath() {
+    constexpr const char* kOperation = "CBroker";
+    std::string strEntry = "LD_LIBRARY_PATH=";
+    if (const char* szPath = std::getenv("LD_LIBRARY_PATH"); szPath != nullptr)
+        strEntry += szPath;
+    else
+        VOK_LOG_AS(kOperation, LEVEL_DETAIL,
+                   "INFO: getenv(LD_LIBRARY_PATH) is Null, extern EMP will not be able to run.");
+
+    if (strEntry.size() > kMaxLibraryPath) {
+        VOK_LOG_AS(kOperation, LEVEL_ERROR, "Error: stringSize is out of bounds");
+    } else {
+        std::free(gpVokBrokerLibraryPath);  // of a broker that was never destroyed
+        gpVokBrokerLibraryPath = ::strdup(strEntry.c_str());
+        if (gpVokBrokerLibraryPath == nullptr) {
+            VOK_LOG_AS(kOperation, LEVEL_ERROR, "Malloc for gpVokBrokerLibraryPath failed!");
+            return false;
+        }
+    }
+    VOK_LOG_AS(kOperation, LEVEL_DETAIL, "LibraryPath[%s]",
+               gpVokBrokerLibraryPath == nullptr ? "(null)" : gpVokBrokerLibraryPath);
+    return true;
+}
+
+void CBroker::MakeTicketMutex() {
+    if (Ticket::m_pTicketScopedMutex == nullptr)
+        Ticket::m_pTicketScopedMutex = new CMutex;
+    else
+        VOK_LOG_AS("CBroker", LEVEL_ERROR, "m_pTicketScopedMutex must be null at first time[%p]",
+                   static_cast<void*>(Ticket::m_pTicketScopedMutex));
+}
+
+void CBroker::Destory() {
+    RequestStop();
+    StopServer();
+}
+
+void CBroker::RequestStop() noexcept {
+    m_bStopRequested = true;
+    (void)m_StopCondition.NotifyOne();  // nobody may be waiting yet: the flag tells later
+}
+
+void CBroker::SetInvalidConnectionInfo(ConnectionInfo& info) {
+    info.empName.clear();
+    info.clientPort = kNoPort;
+    info.empPort = kNoPort;
+}
+
+}  // namespace vok

@@ -1,0 +1,289 @@
+/// The broker: one object, whose operations stand in a file each.
+///
+/// How its operations answer: with a bool (true: done), a text or a record. None throws to the RPC
+/// layer because of what a peer sent, except where a number was expected: then the caller gets the
+/// conversion's error. Proxies map every RPC failure to a result. A start that fails throws its
+/// reason as text, which `OpenEmp` alone catches.
+///
+/// Threads: every public operation may be called from any thread. Locks, in the order in which they
+/// are taken:
+///
+///     m_mtxMapEmp         mounts and their counts; held across mount and unmount
+///       m_mtxMountCount   one count's update, inside a close
+///       m_mtxTicket       tickets
+///     m_mtxRegisterEmp    register launchers
+///     m_mtxGroupingEmp    grouping processes
+///         the locks inside m_EmpInfo and m_ConnectionDB: innermost
+///
+/// None is held over a call to a peer.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "VokBroker.h"
+#include "broker/Export.h"
+#include "broker/Types.h"
+#include "platform/CMutex.h"
+#include "platform/CVokCondition.h"
+#include "platform/Platform.h"
+#include "registry/CConnectionDB.h"
+#include "registry/CEmpInfo.h"
+#include "registry/Ticket.h"
+#include "rpc/CBrokerProxyEmpLauncher.h"
+
+namespace apache::thrift::server {
+class TThreadedServer;
+}
+
+namespace vok {
+
+/// Which EMPs the launchers serve: (launcher name, launcher port) to EMP names.
+using LauncherTable = std::map<std::pair<std::string, std::string>, std::set<std::string>>;
+
+template <typename T>
+class CSingleton {
+public:
+    static T* m_hInstance;
+};
+
+class VOK_EXPORT CBroker : public CSingleton<CBroker>, public VokBrokerIf {
+public:
+    /// The platform's parts must outlive the broker and its threads.
+    explicit CBroker(Platform platform = LinuxPlatform());
+    /// Stops the server and waits until no thread works on the broker any more: an open that waits
+    /// for its EMP takes up to 10 s.
+    ~CBroker() override;
+
+    // ---- The service (rpc/vok.thrift) -------------------------------------------------------
+
+    /// Connects a client to an EMP, which is started when need be. `_return.empPort` "-1" tells a
+    /// failure. Takes up to 10 s to start an EMP, and 10 s more when another open of it is under
+    /// way.
+    void OpenEmp(ConnectionInfo& _return, const std::string& clientPort, const std::string& empName,
+                 const std::string& empVersion, const std::string& appInfo) override;
+
+    /// Runs a command; see Execute.cpp for the words.
+    void Execute(std::string& _return, const std::string& arg1, const std::string& cmd,
+                 const std::string& arg3, const std::string& arg4, const std::string& arg5,
+                 const std::string& arg6) override;
+
+    /// Disconnects a client from an EMP. True when it was done or the EMP had gone already.
+    bool CloseEmp(const ConnectionInfo& info) override;
+
+    // ---- Life ------------------------------------------------------------------------------
+
+    void Initialize() {}
+    void OnSetDebugModule(unsigned long, bool) {}
+
+    /// Installs and mounts the plug-in set, serves, and blocks until stopped. True after an orderly
+    /// stop, false when the start fails. Called once.
+    bool StartServer();
+
+    /// Stops the server and wakes `StartServer`. At any time, any number of times.
+    void Destory();
+
+    /// The part of `Destory` that a signal handler may do: wakes `StartServer`, which does the
+    /// rest.
+    void RequestStop() noexcept;
+
+    /// True once the server has answered; never false again.
+    bool GetIsBrokerServerRunning() const { return m_bIsBrokerServerRunning; }
+
+    void EnablePingTest(bool bEnable) { m_bEnablePingTest = bEnable; }
+
+    // ---- Version ----------------------------------------------------------------------------
+
+    static std::string GetFullVersion();
+    static int GetMajorVersion();
+    static int GetMinorVersion();
+
+    /// The version in an EMP's configuration file; 0.0 when it cannot be read.
+    double m_ParseLocalEmpCfgFile(const std::string& strPath);
+
+    // ---- Where an EMP lives -------------------------------------------------------------------
+
+    eEmpLocation WhereIsEMP(const std::string& strEmp);
+    /// An eEmpFile: which file of the EMP, or grouping process, decides.
+    int GetEmpLocationType(const std::string& strEmp);
+    std::string GetEmpIP(eEmpLocation location);
+    std::string GetProcessIP(eProcessType type);
+    bool CheckEmpFile(const char* szPath);
+
+    // ---- Starting and stopping EMPs ------------------------------------------------------------
+
+    /// Starts an EMP in the way of its location; it reports by itself later. `pParams` is a
+    /// ForkEmpParams, which is not used after the return.
+    bool StartEmp(std::string strEmp, void* pParams, eEmpLocation location);
+    /// Thread: starts and reaps one process. Takes over what StartEmp made.
+    static void* ForkEmp(void* pParams);
+    /// Thread: ends an EMP's process and unmounts its image. Takes over an ExitEmpBlock; returns 0.
+    static void* ExitEmpProc(void* pBlock);
+
+    /// An EMP reports that its server is up: wakes its opener. Throws boost::bad_lexical_cast when
+    /// a number is none.
+    void ConfirmEMPServer(const std::string& strTicketSerial, const std::string& strPortAndPid,
+                          const std::string& strStatus, std::string strOption);
+    /// Waits, at most 10 s, until the EMP's status is no transitional one. False when it stays one,
+    /// or the EMP is unknown.
+    bool CheckStatus(std::string strEmp);
+
+    // ---- Images ----------------------------------------------------------------------------
+
+    bool Img_Mount(std::string strEmp);
+    bool Img_UnMount(std::string strEmp);
+    bool Pepper_Img_Mount(std::string strImageFile);
+    /// Unmounts an EMP's image when nobody relies on it. False only when unmounting fails.
+    bool UnmoutEMP(const std::string& strEmp);
+
+    // ---- Launchers ---------------------------------------------------------------------------
+
+    /// Looks up who hosts or serves an EMP. False, and the outputs are untouched, when nobody does.
+    bool GetGroupingEMPInfo(std::string& strGroupName, std::string& strGroupPort,
+                            std::string strEmp);
+    bool GetRegisterEMPInfo(std::string& strLauncherName, std::string& strLauncherPort,
+                            std::string strEmp);
+
+    bool RegisterEMP(const std::string& strEmp, const std::string& strLauncherPort);
+    bool UnRegisterEMP(const std::string& strEmp, const std::string& strLauncherPort);
+    void AddLauncherInfo(std::string strName, std::string strPort);
+    bool UpdateLauncherInfo(LauOption_E option, std::string strName, std::string strPort);
+    void RemoveLauncherInfo(std::string strName, std::string strPort);
+
+    bool SendOpenToEmpLauncher(const std::string& strEmp, int nTicketSerial,
+                               const std::string& strCallbackPort,
+                               const std::string& strLauncherPort);
+    bool IsLauncherServerRunning(std::string strIp, std::string strPort);
+    void ConfirmGroupingEmpServer(const std::string& strGroupName, const std::string& strPort);
+
+    // ---- Supervision -------------------------------------------------------------------------
+
+    /// Closes every connection of an application; returns how many.
+    int CloseAllEmpWithAppID(std::string strAppId, std::string strWidgetId);
+    /// Closes the connections of clients that no longer answer.
+    void PingTest_For_Webkit();
+    /// True when the broker's own port accepts connections.
+    bool IsBrokerServerRunning();
+    static void* PingTestWorker(void* pBroker);
+    void PingTest();
+    void OnSetDebugLevel(unsigned int nLevel);
+    void ReportLogToServer(const std::string& strErrType, const std::string& strEmp,
+                           const std::string& strEmpVersion);
+    static void* OnReportLogToServer(void* pRecord);
+    void SendCallbackNotification(ConnectionKey key);
+    bool SetConnectedClientToEMP(const std::string& strEmp, const std::string& strClientPort,
+                                 const std::string& strEmpPort);
+
+    /// Makes the record that stands for a failed open. `serial` and `ip` stay.
+    static void SetInvalidConnectionInfo(ConnectionInfo& info);
+
+private:
+    friend class COpenOperation;
+    friend class CCommand;
+    friend class CBrokerServer;
+    friend struct BrokerProbe;  // tests look into the tables
+
+    /// What the thread of the RPC server has told so far.
+    enum eServerState { SERVER_STARTING, SERVER_LISTENING, SERVER_FAILED };
+
+    static void* BrokerServer(void* pSelf);
+    void Serve();
+    void StopServer();
+    void OnServerListens();
+    void OnServerEnds();
+
+    // Construction.
+    bool SetLibraryPath();
+    static void MakeTicketMutex();
+
+    // The steps of StartServer.
+    void RemoveStaleReadyFlag();
+    bool InstallPluginUpdate();
+    double ReadUpdateVersion();
+    std::string ChoosePluginImage(double dUpdate, double dBuiltIn);
+    bool PreparePlugins();
+    bool LaunchServer();
+    bool AwaitServer();
+    bool RaiseReadyFlag();
+    void AwaitStop();
+    bool LowerReadyFlag();
+    void EndServer();
+
+    /// Tries to mount at most kMountAttempts times, with a pause before each.
+    bool MountPatiently(const char* szOperation, const std::string& strImageFile,
+                        const std::string& strMountPoint);
+    /// The decision inside UnmoutEMP.
+    bool UnmountUnused(const std::string& strEmp) VOK_REQUIRES(m_mtxMapEmp);
+
+    // The steps of CloseEmp.
+    bool ClassifyForClose(const std::string& strEmp, EmpType::type& eKind, std::string& strImage);
+    void LowerMountCount(const std::string& strImage);
+    bool RecordClose(const ConnectionInfo& info, EmpType::type eKind, int nReferences);
+
+    int CountGroupingEmps();
+    int CountRegisterEmps();
+
+    std::atomic<bool> m_bEnablePingTest{false};
+    CConnectionDB m_ConnectionDB;
+    CEmpInfo m_EmpInfo;
+
+    CMutex m_mtxMapEmp VOK_BEFORE(m_mtxTicket);
+    /// Per image, or grouping process, how many opens rely on it.
+    std::map<std::string, int> m_mapEmp VOK_GUARDED_BY(m_mtxMapEmp);
+
+    /// Accessed with std::atomic_load and std::atomic_store.
+    std::shared_ptr<apache::thrift::server::TThreadedServer> m_pBrokerServer;
+    std::atomic<bool> m_bIsBrokerServerRunning{false};
+
+    /// Tickets of opens in progress, and the last ones of finished opens; see PruneTickets.
+    TicketMap m_mapTicket VOK_GUARDED_BY(m_mtxTicket);
+    CMutex m_mtxTicket;
+
+    CVokCondition m_StopCondition;
+
+    // Declared, and used by no operation.
+    std::map<std::string, bool> m_mapEmpFlag;
+    std::set<std::string> m_setEmpName;
+
+    LauncherTable m_mapGroupingEmp VOK_GUARDED_BY(m_mtxGroupingEmp);
+    LauncherTable m_mapRegisterEmp VOK_GUARDED_BY(m_mtxRegisterEmp);
+    CMutex m_mtxGroupingEmp;
+    CMutex m_mtxRegisterEmp;
+    CMutex m_mtxSpare;  // never locked
+
+    /// Its port is never set, so what goes through it fails.
+    CBrokerProxyEmpLauncher m_EmpLauncherProxy;
+
+    /// Guards nothing that m_mtxMapEmp does not; a close takes it for its one update.
+    CMutex m_mtxMountCount;
+
+    const Platform m_Platform;
+    /// Set by the first stop; whoever starts or waits looks at it.
+    std::atomic<bool> m_bStopRequested{false};
+    std::atomic<eServerState> m_eServerState{SERVER_STARTING};
+    CVokCondition m_ServerStarted;  // it listens, or has failed
+    CVokCondition m_ServerEnded;    // its thread touches the broker no more
+    bool m_bServerLaunched = false;
+    /// Threads that stop an EMP; each ends within seconds.
+    std::atomic<int> m_nStopsUnderWay{0};
+};
+
+/// The framework's debug hooks.
+class CCDebugVOK {
+public:
+    void t_InitModule() {}
+    void t_SetDebugLevel(unsigned int) {}
+    void t_SetDebugModule(unsigned long, bool) {}
+};
+
+/// The framework's version, for those who have no broker at hand.
+class CVokWrapper {
+public:
+    static std::string GetVokVersion();
+};
+
+}  // namespace vok

@@ -1,0 +1,123 @@
+// The broker's road from its first step to its last: plug-ins, server, ready flag, and back.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "broker/CBroker.h"
+#include "platform/CUniqueFd.h"
+#include "platform/EmpPaths.h"
+#include "platform/Limits.h"
+#include "platform/Log.h"
+#include "platform/ThreadMaker.h"
+
+namespace vok {
+
+namespace {
+
+#define START_LOG(level, ...) VOK_LOG_AS("StartServer", level, __VA_ARGS__)
+
+/// True when nobody holds the broker's port. Asked by binding, not by connecting: a connection
+/// attempt could be given the very port as its own and keep the server from it.
+bool IsPortFree() {
+    const CUniqueFd fd{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    const int nOn = 1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(kBrokerPort);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return fd.IsOpen() && ::setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof nOn) == 0 &&
+           ::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+}  // namespace
+
+bool CBroker::StartServer() {
+    RemoveStaleReadyFlag();
+    if (!PreparePlugins()) return false;
+    if (m_bStopRequested) return true;
+    if (!LaunchServer()) return false;
+    if (!AwaitServer()) return false;
+    if (m_bStopRequested) {
+        EndServer();
+        return true;  // stopped before it was ready: no flag
+    }
+    if (!RaiseReadyFlag()) return false;
+    AwaitStop();
+    const bool bLowered = LowerReadyFlag();
+    EndServer();
+    return bLowered;
+}
+
+/// A crash leaves the flag behind; it must not speak for a broker that is still starting. When
+/// somebody holds the port, the flag may be another broker's.
+void CBroker::RemoveStaleReadyFlag() {
+    if (IsPortFree()) (void)::unlink(paths::kReadyFlag);  // mostly there is none
+}
+
+bool CBroker::LaunchServer() {
+    m_ServerStarted.SetDoWaiting(true);
+    m_ServerEnded.SetDoWaiting(true);
+    m_bServerLaunched =
+        ThreadMaker::CreateThread("BrokerServer", &CBroker::BrokerServer, this, kThreadStack, true);
+    if (!m_bServerLaunched) START_LOG(LEVEL_ERROR, "Error occured during making BrokerServer");
+    return m_bServerLaunched;
+}
+
+bool CBroker::AwaitServer() {
+    // Nothing asks the port before the server has it: see IsPortFree.
+    (void)m_ServerStarted.Wait(0);
+    if (m_eServerState == SERVER_FAILED) {
+        // The port is another's. Does a broker serve there, whose flag it is?
+        if (!IsBrokerServerRunning()) (void)::unlink(paths::kReadyFlag);
+        return false;
+    }
+
+    for (int nTry = 0; nTry < kServerTries; ++nTry) {
+        if (IsBrokerServerRunning()) {
+            m_bIsBrokerServerRunning = true;
+            return true;
+        }
+        if (m_bStopRequested) return true;
+        m_Platform.pClock->Sleep(kServerPause);
+    }
+    START_LOG(LEVEL_ERROR, "Fail to start [Broker-Server].");
+    return false;
+}
+
+bool CBroker::RaiseReadyFlag() {
+    if (!m_Platform.pFiles->CreateEmpty(paths::kReadyFlag)) {
+        VOK_LOG_AS("CreateFile", LEVEL_ERROR, "Create [%s] failed.", paths::kReadyFlag);
+        START_LOG(LEVEL_ERROR, "Failed to generate ready flag for [Broker-Server].");
+        StopServer();
+        return false;
+    }
+    START_LOG(LEVEL_TRACE, "Succeed to start [Broker-Server].");
+    return true;
+}
+
+void CBroker::AwaitStop() {
+    m_StopCondition.SetDoWaiting(true);
+    // A stop that came before the announcement has left its mark; one that comes now is kept.
+    if (!m_bStopRequested) (void)m_StopCondition.Wait(0);
+}
+
+bool CBroker::LowerReadyFlag() {
+    if (!m_Platform.pFiles->Remove(paths::kReadyFlag)) {
+        VOK_LOG_AS("RemoveFile", LEVEL_ERROR, "Remove [%s] failed.", paths::kReadyFlag);
+        START_LOG(LEVEL_ERROR, "RemoveFile [%s] failed.", paths::kReadyFlag);
+        return false;
+    }
+    VOK_LOG_AS("RemoveFile", LEVEL_TRACE, "Succeed to remove [%s].", paths::kReadyFlag);
+    return true;
+}
+
+/// A signal handler may only ask for the stop, so the server is stopped here. Calls that are being
+/// answered get a moment; those that wait for an EMP end with the process.
+void CBroker::EndServer() {
+    StopServer();
+    if (m_ServerEnded.Wait(static_cast<int>(kStopGrace.count())) == 0) m_bServerLaunched = false;
+}
+
+}  // namespace vok

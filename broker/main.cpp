@@ -1,0 +1,38 @@
+// The daemon: into the background, and serve until SIGTERM.
+#include <thrift/Thrift.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "broker/Globals.h"
+#include "broker/StopSignal.h"
+#include "broker/vok.h"
+#include "platform/Descriptors.h"
+#include "platform/Log.h"
+
+namespace {
+
+void LogRpcLibrary(const char* szMessage) {
+    VOK_LOG_AS("RpcLibrary", vok::LEVEL_DETAIL, "%s", szMessage);
+}
+
+}  // namespace
+
+int main() {
+    // From before the fork until there is a broker to stop, a stop signal is kept pending: whenever
+    // it comes, it is not lost and it never kills.
+    vok::HoldStopSignal();
+    const pid_t nPid = ::fork();
+    if (nPid < 0) ::_exit(1);
+    if (nPid > 0) ::_exit(0);
+
+    vok::InstallStopHandler();
+    vok::g_pfnBrokerCreated = &vok::AdmitStopSignal;
+    // A peer, or a log, that is gone is told by an error of the call.
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    apache::thrift::GlobalOutput.setOutputFunction(&LogRpcLibrary);
+    vok::RaiseDescriptorLimit();
+
+    (void)vok_BrokerStart();
+    return 1;
+}

@@ -1,0 +1,94 @@
+// An EMP's report wakes its opener; a status that is about to change is waited out.
+#include <boost/lexical_cast.hpp>
+
+#include <cstdlib>
+
+#include "broker/CBroker.h"
+#include "platform/Limits.h"
+#include "platform/Log.h"
+
+namespace vok {
+
+namespace {
+
+/// "port|pid". Without a '|' both texts are the whole.
+struct Report {
+    explicit Report(const std::string& strPortAndPid)
+        : strPort(strPortAndPid.substr(0, strPortAndPid.find('|'))),
+          // find's "not found" plus one is 0
+          strPid(strPortAndPid.substr(strPortAndPid.find('|') + 1)) {}
+
+    const std::string strPort;
+    const std::string strPid;
+};
+
+}  // namespace
+
+void CBroker::ConfirmEMPServer(const std::string& strTicketSerial, const std::string& strPortAndPid,
+                               const std::string& strStatus, std::string strOption) {
+    VOK_LOG(LEVEL_DETAIL,
+            "ticketSerial:[%s], EmpServer Path:[%s], EmpServerStatus:[%s], EmpOption:[%s].",
+            strTicketSerial.c_str(), strPortAndPid.c_str(), strStatus.c_str(), strOption.c_str());
+    const Report report{strPortAndPid};
+    const auto nSerial = boost::lexical_cast<unsigned int>(strTicketSerial);
+    VOK_LOG(LEVEL_DETAIL, "Notify the TicketSerial:[%d] to break waiting.", nSerial);
+
+    // The process is recognised now, while it is certainly the one that reports.
+    const auto nReportedPid = static_cast<pid_t>(std::strtol(report.strPid.c_str(), nullptr, 10));
+    const ProcessId process = m_Platform.pProcesses->Identify(nReportedPid);
+
+    const CLock lock{m_mtxTicket};
+    boost::shared_ptr<Ticket> spTicket =
+        FindWaitingTicket(m_mapTicket, strTicketSerial, nReportedPid);
+    if (!spTicket) {
+        // An unknown serial leaves an empty entry behind.
+        spTicket = m_mapTicket[nSerial];
+        PruneTickets(m_mapTicket, kMaxTickets);
+    }
+    if (!spTicket) {
+        VOK_LOG(LEVEL_ERROR, "ticket isn't valid. port:[%s]. Broker do not wake condition up",
+                report.strPort.c_str());
+        return;
+    }
+
+    spTicket->m_nPid = boost::lexical_cast<int>(report.strPid);
+    spTicket->m_strPort = report.strPort;
+    spTicket->m_strOption = strOption;
+    spTicket->m_Process = process;
+
+    // The opener is woken either way, and judges by option and pid.
+    if (strStatus == "__SERVER_SUCCESS_TO_RUN")
+        VOK_LOG(LEVEL_DETAIL, "The Emp server has been started with Path [%s], pid[%d]",
+                spTicket->m_strPort.c_str(), spTicket->m_nPid);
+    else
+        VOK_LOG(LEVEL_ERROR, "The server has been run fail [%s]", spTicket->m_strPort.c_str());
+
+    // Tickets are announced before they enter the table, so this ends at once.
+    while (!spTicket->m_Condition.GetWaitingStatus()) m_Platform.pClock->Sleep(kWaiterPoll);
+    if (const int rc = spTicket->m_Condition.NotifyOne(); rc != 0)
+        VOK_LOG(LEVEL_ERROR, "An error occured during notifing . rc : [%d]", rc);
+    spTicket->m_bAnswered = true;
+}
+
+bool CBroker::CheckStatus(std::string strEmp) {
+    for (int i = 0;; ++i) {
+        const EMP_STATUS eStatus = m_EmpInfo.GetTypeStatus(strEmp);
+        if (eStatus < EMP_ADDED || eStatus > EMP_RESERVED6) {
+            VOK_LOG(LEVEL_ERROR, "[%s]'s status is EMP_NOT_FOUND - return error", strEmp.c_str());
+            return false;
+        }
+        const bool bTransitional = eStatus == EMP_ADDED || eStatus == EMP_PENDING;
+        if (bTransitional) m_Platform.pClock->Sleep(kStatusPoll);
+        if (i % kStatusLogEvery == 0)
+            VOK_LOG(LEVEL_DETAIL, "[%s] Wait for status[%d] change", strEmp.c_str(), eStatus);
+        // Before the next test: a status that settles in this very pass comes too late.
+        if (i == kStatusPasses) {
+            VOK_LOG(LEVEL_ERROR, "[%s]'s status[%d] is not changing change", strEmp.c_str(),
+                    eStatus);
+            return false;
+        }
+        if (!bTransitional) return true;
+    }
+}
+
+}  // namespace vok

@@ -1,0 +1,465 @@
+// A client opens an EMP: from its request to a connected EMP, or back to where it began.
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <cstring>
+
+#include "broker/CBroker.h"
+#include "open/ExecImage.h"
+#include "open/ServerChoice.h"
+#include "platform/EmpPaths.h"
+#include "platform/Limits.h"
+#include "platform/Log.h"
+#include "platform/ScopeGuard.h"
+#include "platform/ThreadMaker.h"
+
+namespace vok {
+
+/// One open. Members hold what the steps share; `Run` is the story.
+class COpenOperation {
+public:
+    COpenOperation(CBroker& broker, ConnectionInfo& result, const std::string& strClientPort,
+                   const std::string& strEmp, const std::string& strVersion,
+                   const std::string& strAppInfo)
+        : m_Broker(broker),
+          m_Result(result),
+          m_strClientPort(strClientPort),
+          m_strEmp(strEmp),
+          m_strVersion(strVersion),
+          m_strAppInfo(strAppInfo) {}
+
+    /// Never throws.
+    void Run();
+
+private:
+    void RunOrUndo();
+    void RunSteps();
+
+    bool CheckArguments();
+    void NameThread();
+    bool Locate();
+    void IssueTicket();
+    bool ChooseServer();
+    bool ChooseServerOfKnownEmp();
+    void ReuseServer(const std::string& strPort);
+    void RaiseMountCount();
+    void CountMountedImage();
+    void MountImage();
+    bool CheckEmpStatus();
+    void ForgetMountCount();
+    void StartAndAwaitReport();
+    void FillParams(ForkEmpParams& params, const std::string& strProgram);
+    void AwaitReport();
+    void KeepReport();
+    void RecordConnection();
+    void FillResult();
+
+    void Refuse();
+    void Undo(const std::string& strReason);
+    void LowerMountCount();
+    bool UnmountImage();
+    void FinishTicket();
+
+    CBroker& m_Broker;
+    ConnectionInfo& m_Result;
+    const std::string& m_strClientPort;
+    const std::string& m_strEmp;
+    const std::string& m_strVersion;
+    const std::string& m_strAppInfo;
+
+    eEmpLocation m_Location = EMPLOCATION_UNKNOWN;
+    std::string m_strImage;  // whose files count: the EMP, or its grouping process
+    boost::shared_ptr<Ticket> m_spTicket;
+    bool m_bIsNew = false;
+    bool m_bReuse = false;
+    std::string m_strOption;             // of the known EMP's record
+    std::string m_strEmpPort = kNoPort;  // of the server that the client gets
+};
+
+#define OPEN_LOG(level, ...) VOK_LOG_AS("OpenEmp", level, __VA_ARGS__)
+
+void CBroker::OpenEmp(ConnectionInfo& _return, const std::string& clientPort,
+                      const std::string& empName, const std::string& empVersion,
+                      const std::string& appInfo) {
+    COpenOperation{*this, _return, clientPort, empName, empVersion, appInfo}.Run();
+}
+
+void COpenOperation::Run() {
+    const ScopeGuard finishTicket{[this] { FinishTicket(); }};
+    try {
+        RunOrUndo();
+    } catch (...) {
+        // An unknown failure leaves an unknown state: undoing might take what another open needs.
+        OPEN_LOG(LEVEL_ERROR, "UNEXPECTED ERROR OCCURED, EMP:[%s].", m_strEmp.c_str());
+    }
+}
+
+void COpenOperation::RunOrUndo() {
+    try {
+        RunSteps();
+    } catch (const std::string& strReason) {
+        Undo(strReason);
+    }
+}
+
+void COpenOperation::RunSteps() {
+    if (!CheckArguments()) return;
+    NameThread();
+    if (!Locate()) return;
+    IssueTicket();
+    if (!ChooseServer()) return Refuse();
+    RaiseMountCount();
+    if (!CheckEmpStatus()) return Refuse();
+    if (!m_bReuse) StartAndAwaitReport();  // throws the reason as text
+    RecordConnection();
+    FillResult();
+}
+
+bool COpenOperation::CheckArguments() {
+    if (m_strEmp.empty() || m_strAppInfo.empty()) {
+        OPEN_LOG(LEVEL_NOTICE, "wrong parameters with NULL");
+        return false;
+    }
+    if (m_strEmp == "Broker") {
+        OPEN_LOG(LEVEL_ERROR, "Invalid opening, [Broker] is not a EMP.");
+        CBroker::SetInvalidConnectionInfo(m_Result);
+        return false;
+    }
+    if (m_strVersion.empty()) {
+        OPEN_LOG(LEVEL_NOTICE, "wrong parameters with NULL.");
+        CBroker::SetInvalidConnectionInfo(m_Result);
+        return false;
+    }
+    return true;
+}
+
+void COpenOperation::NameThread() {
+    char szName[16] = "B-O-";
+    m_strEmp.copy(szName + 4, std::min<std::size_t>(m_strEmp.size(), 10));
+    OPEN_LOG(LEVEL_DETAIL, "ThreadName:[%s] len:[%d]", szName,
+             static_cast<int>(std::strlen(szName)));
+    ThreadMaker::NameThisThread(szName);
+}
+
+bool COpenOperation::Locate() {
+    m_strImage = m_strEmp;
+    m_Location = m_Broker.WhereIsEMP(m_strEmp);
+    if (m_Location == EMPLOCATION_UNKNOWN) {
+        OPEN_LOG(LEVEL_ERROR, "Unknown location.");
+        return false;
+    }
+    if (m_Location == EMPLOCATION_GROUPING) {
+        std::string strGroup;
+        std::string strGroupPort;
+        m_Broker.GetGroupingEMPInfo(strGroup, strGroupPort, m_strEmp);
+        m_strImage = strGroup;
+        OPEN_LOG(LEVEL_DETAIL, "EMP Location is EMPLOCATION_GROUPING, GroupingEmpName is %s",
+                 m_strImage.c_str());
+    }
+    m_Result.ip = m_Broker.GetEmpIP(m_Location);
+    OPEN_LOG(LEVEL_DETAIL, "# EMP INFO # name:[%s] location:[%d] IP:[%s] ClientPort:[%s]",
+             m_strEmp.c_str(), m_Location, m_Result.ip.c_str(), m_strClientPort.c_str());
+    return true;
+}
+
+void COpenOperation::IssueTicket() {
+    m_spTicket = boost::make_shared<Ticket>(kNoPort);
+    // Announced before anybody can find it: a report that finds it never has to wait, whether its
+    // opener will ever wait or not.
+    m_spTicket->m_Condition.SetDoWaiting(true);
+
+    const CLock lock{m_Broker.m_mtxTicket};
+    m_Broker.m_mapTicket[m_spTicket->GetSerial()] = m_spTicket;
+    PruneTickets(m_Broker.m_mapTicket, kMaxTickets);
+}
+
+/// False when the open is refused.
+bool COpenOperation::ChooseServer() {
+    m_bIsNew = m_Broker.m_EmpInfo.Add(m_strEmp, m_strVersion);
+    if (!m_bIsNew) return ChooseServerOfKnownEmp();
+
+    OPEN_LOG(LEVEL_TRACE, "Emp:[%s] is not in the m_EmpInfo.", m_strEmp.c_str());
+    return true;
+}
+
+bool COpenOperation::ChooseServerOfKnownEmp() {
+    if (!m_Broker.CheckStatus(m_strEmp)) return false;
+
+    m_strOption = m_Broker.m_EmpInfo.GetTypeOption(m_strEmp);
+    OPEN_LOG(LEVEL_TRACE, "strOption:[%s] ", m_strOption.c_str());
+    const std::string strPort = m_Broker.m_ConnectionDB.GetEmpPort(m_strEmp);
+    switch (vok::ChooseServer(m_strOption, strPort != kNoPort)) {
+        case eServerChoice::Reuse:
+            OPEN_LOG(LEVEL_DETAIL, "Singleton EMP: existing empPort[%s] will be used",
+                     strPort.c_str());
+            ReuseServer(strPort);
+            break;
+        case eServerChoice::Refuse:
+            OPEN_LOG(LEVEL_TRACE,
+                     "Singleton-OneConnection EMP: there is already connection, ignore this second "
+                     "open! Existing empPort[%s]",
+                     strPort.c_str());
+            return false;
+        case eServerChoice::StartLostServer:
+            OPEN_LOG(LEVEL_DETAIL,
+                     "EmpInfo already got EMP. But ConnectinoDB doest not have it. name:[%s] "
+                     "empPort[%s]",
+                     m_strEmp.c_str(), strPort.c_str());
+            break;
+        case eServerChoice::StartOneConnection:
+            OPEN_LOG(LEVEL_TRACE, "Singleton-OneConnection EMP: there used to get connection, [%s]",
+                     m_strEmp.c_str());
+            break;
+        case eServerChoice::StartAnother:
+            OPEN_LOG(LEVEL_TRACE, "[EMP_OPTION_NOT_SINGLETON] EMP:[%s]", m_strEmp.c_str());
+            break;
+        case eServerChoice::StartUnknown:
+            OPEN_LOG(LEVEL_ERROR, "IT IS NOT SUPPOSED TO BE SEEN. name:[%s], strOption:[%s]",
+                     m_strEmp.c_str(), m_strOption.c_str());
+            break;
+    }
+    return true;
+}
+
+void COpenOperation::ReuseServer(const std::string& strPort) {
+    m_bReuse = true;
+    m_strEmpPort = strPort;
+    const CLock lock{m_Broker.m_mtxTicket};
+    m_spTicket->m_strPort = strPort;
+}
+
+void COpenOperation::RaiseMountCount() {
+    OPEN_LOG(LEVEL_TRACE, "Location:[%d], Name:[%s]", m_Location, m_strImage.c_str());
+    switch (m_Broker.GetEmpLocationType(m_strImage)) {
+        case EMPFILE_MOUNTED:
+            return CountMountedImage();
+        case EMPFILE_IMAGE:
+            return MountImage();
+        default:
+            OPEN_LOG(LEVEL_DETAIL, "Nothing to do with Mount/UMount.");
+    }
+}
+
+void COpenOperation::CountMountedImage() {
+    const CLock lock{m_Broker.m_mtxMapEmp};
+    const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(m_strImage, 0);
+    if (bAdded)
+        OPEN_LOG(LEVEL_ERROR, "Maybe something wrong with [%s]'s the count of mount/umount.",
+                 m_strImage.c_str());
+    ++it->second;
+}
+
+void COpenOperation::MountImage() {
+    const std::string strImageFile = paths::ImageFile(m_strImage);
+    const std::string strMountPoint = paths::MountPoint(m_strImage);
+
+    // Held across the mount: two opens of one image would mount it twice.
+    const CLock lock{m_Broker.m_mtxMapEmp};
+    const bool bMounted = m_Broker.m_Platform.pMounter->Mount(strImageFile, strMountPoint);
+    OPEN_LOG(LEVEL_DETAIL, "[Attention] Mount img:[%s] to [%s].", strImageFile.c_str(),
+             strMountPoint.c_str());
+    if (!bMounted) {
+        // The open goes on: it is the start that fails when the program is missing.
+        OPEN_LOG(LEVEL_ERROR, "Failed to mount [%s] to [%s].", strImageFile.c_str(),
+                 strMountPoint.c_str());
+        return;
+    }
+    m_Broker.m_mapEmp[m_strImage] = 1;
+    OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: It's first time to open [%s] EMP.", m_strImage.c_str());
+}
+
+/// False when the EMP's status refuses the open. The mount count stays raised then.
+bool COpenOperation::CheckEmpStatus() {
+    const EMP_STATUS eStatus = m_Broker.m_EmpInfo.GetTypeStatus(m_strEmp);
+    if (eStatus == EMP_NOT_FOUND) {
+        OPEN_LOG(LEVEL_ERROR,
+                 ". EMP:[%s]'s status:EMP_NOT_FOUND, Serial:[%d], set invalid info and remove item "
+                 "from m_mapEMP",
+                 m_strEmp.c_str(), m_spTicket->GetSerial());
+        ForgetMountCount();
+        return false;
+    }
+    if (eStatus == EMP_PENDING || eStatus == EMP_RESERVED5) {
+        OPEN_LOG(LEVEL_ERROR, "Broker may return false due to status[%d]. EMP:[%s] Serial:[%d]",
+                 eStatus, m_strEmp.c_str(), m_spTicket->GetSerial());
+        return false;
+    }
+    if (eStatus == EMP_CLOSED && m_bReuse)
+        OPEN_LOG(LEVEL_NOTICE, "[%s] is CLOSED status but ConnectionDB has connection info",
+                 m_strEmp.c_str());
+    return true;
+}
+
+void COpenOperation::ForgetMountCount() {
+    const CLock lock{m_Broker.m_mtxMapEmp};
+    // By the EMP's name, also for one that a grouping process hosts.
+    const auto it = m_Broker.m_mapEmp.find(m_strEmp);
+    if (it == m_Broker.m_mapEmp.end()) {
+        OPEN_LOG(LEVEL_ERROR, "[EMP EXCPETION NOT FOUND Umount]: EMP [%s] is not in the map. ",
+                 m_strEmp.c_str());
+        return;
+    }
+    OPEN_LOG(LEVEL_ERROR, "[EMP EXCPETION NOT FOUND Umount]: Found EMP [%s] in the map. ",
+             m_strEmp.c_str());
+    m_Broker.m_mapEmp.erase(it);
+}
+
+void COpenOperation::StartAndAwaitReport() {
+    OPEN_LOG(LEVEL_DETAIL, "EMP:[%s] Ticket(Serial:[%d]) has been inserted", m_strEmp.c_str(),
+             m_spTicket->GetSerial());
+    {
+        const CLock lock{m_Broker.m_mtxTicket};
+        m_spTicket->m_bAwaitsReport = true;
+    }
+
+    const std::string strProgram = m_Broker.GetEmpLocationType(m_strImage) == EMPFILE_PREINSTALLED
+                                       ? paths::PreinstalledProgram(m_strImage)
+                                       : paths::DownloadedProgram(m_strImage);
+    ForkEmpParams params;
+    FillParams(params, strProgram);
+    if (!m_Broker.StartEmp(m_strEmp, &params, m_Location)) throw std::string("Start Emp failed");
+
+    AwaitReport();
+    KeepReport();
+    OPEN_LOG(LEVEL_DETAIL, "GetOption strOption [%s]", m_strOption.c_str());
+}
+
+void COpenOperation::FillParams(ForkEmpParams& params, const std::string& strProgram) {
+    params.ARGV_path = strProgram.c_str();
+    if (m_Location == EMPLOCATION_GROUPING) CopyBounded(params.ARGV_groupingEmpName, m_strImage);
+    CopyBounded(params.ARGV_empName, m_strEmp);
+    params.ARGV_ticketSerial = static_cast<int>(m_spTicket->GetSerial());
+    params.CbSrvPort = m_strClientPort;
+    params.spTicket = m_spTicket;
+    OPEN_LOG(LEVEL_DETAIL, "forkEmpParams.ARGV_ticketSerial:[%d], CbSrvPort:[%s]",
+             params.ARGV_ticketSerial, params.CbSrvPort.c_str());
+}
+
+void COpenOperation::AwaitReport() {
+    const unsigned int nSerial = m_spTicket->GetSerial();
+    OPEN_LOG(LEVEL_DETAIL, "## START wait... name:[%s] Address:[%p],ticketSerial:[%d]",
+             m_strEmp.c_str(), static_cast<void*>(m_spTicket.get()), nSerial);
+    const int rc = m_spTicket->m_Condition.Wait(kReportWaitMs);
+    if (rc == 0) return;
+
+    OPEN_LOG(LEVEL_ERROR, "[Look] 10s past, launch Emp:[%s,%d] timeout, rc:[%d]", m_strEmp.c_str(),
+             nSerial, rc);
+    throw std::string("An exception occured in waiting");
+}
+
+void COpenOperation::KeepReport() {
+    std::string strOption;
+    int nPid = 0;
+    ProcessId process;
+    {
+        // A second report may be writing the ticket right now.
+        const CLock lock{m_Broker.m_mtxTicket};
+        m_spTicket->m_bAwaitsReport = false;
+        m_strEmpPort = m_spTicket->m_strPort;
+        strOption = m_spTicket->m_strOption;
+        nPid = m_spTicket->m_nPid;
+        process = m_spTicket->m_Process;
+    }
+    OPEN_LOG(LEVEL_DETAIL,
+             "## END wait...  name:[%s] ticketSerial:[%d], EMPServerPortNum:[%s], "
+             "EMPServerPidNum:[%d]",
+             m_strEmp.c_str(), m_Result.serial, m_strEmpPort.c_str(), nPid);
+    if (!m_bIsNew) return;
+
+    if (strOption.empty()) throw std::string("New EMP is failed to Open");
+    OPEN_LOG(LEVEL_DETAIL, "This is new EMP strOption [%s]", strOption.c_str());
+    m_Broker.m_EmpInfo.SetTypeOption(m_strEmp, strOption);
+
+    if (nPid == 0) throw std::string("New EMP is failed to Open");
+    OPEN_LOG(LEVEL_DETAIL, "This is new EMP pid [%d]", nPid);
+    m_Broker.m_EmpInfo.SetEmpProcess(m_strEmp, process);
+}
+
+void COpenOperation::RecordConnection() {
+    OPEN_LOG(LEVEL_DETAIL,
+             "Add connectionData to connectionDB, name :[%s], empport[%s], clientport[%s]",
+             m_strEmp.c_str(), m_strEmpPort.c_str(), m_strClientPort.c_str());
+    m_Broker.m_ConnectionDB.AddConnectionData({m_strEmp, m_strEmpPort}, m_strClientPort);
+    m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_OPENED);
+}
+
+void COpenOperation::FillResult() {
+    m_Result.empName = m_strEmp;
+    m_Result.clientPort = m_strClientPort;
+    m_Result.empPort = m_strEmpPort;
+    m_Result.serial = static_cast<int32_t>(m_spTicket->GetSerial());
+    OPEN_LOG(LEVEL_DETAIL, "empID:[%s] Emp:[%s] , Serial:[%d] , Option:[%s] , Status:[%d]",
+             m_Result.empName.c_str(), m_Result.empPort.c_str(), m_Result.serial,
+             m_strOption.c_str(), EMP_OPENED);
+}
+
+void COpenOperation::Refuse() {
+    CBroker::SetInvalidConnectionInfo(m_Result);
+    const CLock lock{m_Broker.m_mtxTicket};
+    m_Broker.m_mapTicket.erase(m_spTicket->GetSerial());
+}
+
+void COpenOperation::Undo(const std::string& strReason) {
+    OPEN_LOG(LEVEL_ERROR, "[Fail] Open emp:[%s], Prepare exception handling.", m_strEmp.c_str());
+    m_Broker.ReportLogToServer(m_strEmp, m_strVersion, m_strAppInfo);
+    OPEN_LOG(LEVEL_ERROR, "[Completed] Report for %s to Log Server.", m_strEmp.c_str());
+
+    LowerMountCount();
+
+    const CLock lock{m_Broker.m_mtxTicket};
+    m_Broker.m_mapTicket.erase(m_spTicket->GetSerial());
+    CBroker::SetInvalidConnectionInfo(m_Result);
+    m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_CLOSED);
+    if (m_bIsNew) m_Broker.m_EmpInfo.Remove(m_strEmp);
+    OPEN_LOG(LEVEL_ERROR, "UNEXPECTED ERROR:[%s] OCCURED. EmpName:[%s] bIsNew:[%d].",
+             strReason.c_str(), m_strEmp.c_str(), m_bIsNew);
+}
+
+void COpenOperation::LowerMountCount() {
+    switch (m_Broker.GetEmpLocationType(m_strImage)) {
+        case EMPFILE_MOUNTED:
+            break;
+        case EMPFILE_IMAGE:
+            OPEN_LOG(LEVEL_ERROR, "Maybe it was not mounted yet.");
+            return;
+        default:
+            OPEN_LOG(LEVEL_DETAIL, "Nothing to do with Mount/UMount.");
+            return;
+    }
+
+    const CLock lock{m_Broker.m_mtxMapEmp};
+    const auto it = m_Broker.m_mapEmp.find(m_strImage);
+    if (it == m_Broker.m_mapEmp.end()) {
+        OPEN_LOG(LEVEL_ERROR, "EMP COUNT: EMP [%s] is not in the map.", m_strImage.c_str());
+        return;
+    }
+    if (it->second == 1) {
+        if (UnmountImage()) m_Broker.m_mapEmp.erase(it);
+        return;
+    }
+    const int nBefore = it->second--;
+    OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: Emp=[%s], count=[%d].", m_strImage.c_str(), nBefore);
+}
+
+/// True when the image is gone, by this call or before it.
+bool COpenOperation::UnmountImage() {
+    if (m_Broker.m_Platform.pMounter->Umount(paths::MountPoint(m_strImage))) {
+        OPEN_LOG(LEVEL_DETAIL, "Umount for [%s] EMP Succeeded!", m_strImage.c_str());
+        return true;
+    }
+    if (m_Broker.CheckEmpFile(paths::DownloadedProgram(m_strImage).c_str())) return false;
+
+    OPEN_LOG(LEVEL_ERROR, "TargetEmpFile:[%s] doesn't exist, remove it from [m_mapEmp]",
+             m_strImage.c_str());
+    return true;
+}
+
+/// The ticket of a successful open stays for late reports, but may be pruned from now on.
+void COpenOperation::FinishTicket() {
+    if (!m_spTicket) return;
+    const CLock lock{m_Broker.m_mtxTicket};
+    m_spTicket->m_bInProgress = false;
+    m_spTicket->m_bAwaitsReport = false;
+}
+
+}  // namespace vok

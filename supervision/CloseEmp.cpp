@@ -1,0 +1,149 @@
+// A client leaves an EMP: the EMP is told, and the tables follow its answer.
+#include <boost/make_shared.hpp>
+
+#include <cstring>
+
+#include "broker/CBroker.h"
+#include "platform/Limits.h"
+#include "platform/Log.h"
+#include "platform/ThreadMaker.h"
+#include "rpc/CBrokerProxyEmp.h"
+
+namespace vok {
+
+namespace {
+
+#define CLOSE_LOG(level, ...) VOK_LOG_AS("CloseEmp", level, __VA_ARGS__)
+
+/// Puts the fourth and fifth character of a port text at `szTarget`. Of a shorter text, its end comes
+/// along and ends the name, too.
+void PutPortDigits(char* szTarget, const std::string& strPort) {
+    char szPort[10] = {};
+    strPort.copy(szPort, sizeof szPort - 1);
+    std::memcpy(szTarget, szPort + 3, 2);
+}
+
+void NameThread(const ConnectionInfo& info) {
+    char szName[16] = "B-C-";
+    char* const szPorts = szName + 4 + info.empName.copy(szName + 4, 7);
+    PutPortDigits(szPorts, info.clientPort);
+    PutPortDigits(szPorts + 2, info.empPort);
+    CLOSE_LOG(LEVEL_DETAIL, "ThreadName:[%s] len:[%d]", szName,
+              static_cast<int>(std::strlen(szName)));
+    ThreadMaker::NameThisThread(szName);
+}
+
+/// What is refused: no record, just added, failed, pending.
+bool RefusesClose(EMP_STATUS eStatus) {
+    return eStatus == EMP_NOT_FOUND || eStatus == EMP_ADDED || eStatus == EMP_CLOSED ||
+           eStatus == EMP_PENDING;
+}
+
+}  // namespace
+
+bool CBroker::CloseEmp(const ConnectionInfo& info) {
+    NameThread(info);
+
+    EmpType::type eKind = EmpType::PROCESS;
+    std::string strImage;
+    if (!ClassifyForClose(info.empName, eKind, strImage)) return false;
+    if (eKind != EmpType::REGISTER) LowerMountCount(strImage);
+
+    if (!CheckStatus(info.empName)) {
+        VOK_LOG(LEVEL_DETAIL, "emp:%s status: EMP_NOT_FOUND, Maybe it was closed by other client.",
+                info.empName.c_str());
+        return true;
+    }
+    if (const EMP_STATUS eStatus = m_EmpInfo.GetTypeStatus(info.empName); RefusesClose(eStatus)) {
+        VOK_LOG(LEVEL_ERROR, "[%s] status[%d] is incorrect", info.empName.c_str(), eStatus);
+        return false;
+    }
+
+    VOK_LOG(LEVEL_DETAIL, "RPC Request:[CEmpAppBase::Close], empPort:[%s], clientport[%s]",
+            info.empPort.c_str(), info.clientPort.c_str());
+    const auto spProxy = boost::make_shared<CBrokerProxyEmp>(info.empPort);
+    return RecordClose(info, eKind, spProxy->Close(info.clientPort, eKind));
+}
+
+/// False for an EMP that lives nowhere.
+bool CBroker::ClassifyForClose(const std::string& strEmp, EmpType::type& eKind,
+                               std::string& strImage) {
+    switch (WhereIsEMP(strEmp)) {
+        case EMPLOCATION_EXTERNAL:
+            eKind = EmpType::PROCESS;
+            strImage = strEmp;
+            return true;
+        case EMPLOCATION_GROUPING: {
+            eKind = EmpType::GROUPING;
+            std::string strGroup;
+            std::string strGroupPort;
+            if (GetGroupingEMPInfo(strGroup, strGroupPort, strEmp)) {
+                CLOSE_LOG(LEVEL_DETAIL, " EMP[%s] belongs to group [%s].", strEmp.c_str(),
+                          strGroup.c_str());
+                strImage = strGroup;
+            }
+            return true;
+        }
+        case EMPLOCATION_REGISTER:
+            CLOSE_LOG(LEVEL_DETAIL, "[%s] Register EMP.", strEmp.c_str());
+            eKind = EmpType::REGISTER;
+            return true;
+        default:
+            CLOSE_LOG(LEVEL_ERROR, "[%s] Unknown-type EMP, Maybe it had already been closed.",
+                      strEmp.c_str());
+            return false;
+    }
+}
+
+/// Before the close is even tried: one that is refused or fails lowers the count as well. The image
+/// itself goes when the EMP's process has ended.
+void CBroker::LowerMountCount(const std::string& strImage) {
+    if (GetEmpLocationType(strImage) != EMPFILE_MOUNTED) return;
+
+    const CLock lock{m_mtxMapEmp};
+    const auto it = m_mapEmp.find(strImage);
+    if (it == m_mapEmp.end()) {
+        CLOSE_LOG(LEVEL_ERROR, "[Umount]: EMP [%s] is not in the map. ", strImage.c_str());
+        return;
+    }
+    CLOSE_LOG(LEVEL_DETAIL, "[Umount]: Found EMP [%s] in the map. ", strImage.c_str());
+    if (it->second <= 0) return;
+
+    CLOSE_LOG(LEVEL_TRACE, "[Before-Umount] Count Reduce 1, Emp=[%s], count=[%d].",
+              strImage.c_str(), it->second);
+    const CLock update{m_mtxMountCount};
+    --it->second;
+    CLOSE_LOG(LEVEL_TRACE, "[After-Umount] Count Reduce 1, Emp=[%s], count=[%d].", strImage.c_str(),
+              it->second);
+}
+
+/// Brings the tables up to date. `nReferences`: how many clients the EMP still serves; below 0, the
+/// call failed.
+bool CBroker::RecordClose(const ConnectionInfo& info, EmpType::type eKind, int nReferences) {
+    const ConnectionKey key{info.empName, info.empPort};
+    const char* const szEmp = info.empName.c_str();
+
+    if (nReferences < 0) {
+        CLOSE_LOG(LEVEL_ERROR, "Error!! EMP[%s] ReferenceCounter[%d] ", szEmp, nReferences);
+        if (m_EmpInfo.GetTypeOption(info.empName) == kOptionSingleton)
+            m_EmpInfo.Remove(info.empName);
+        m_ConnectionDB.RemoveConnectionData(key, info.clientPort);
+        return false;
+    }
+    if (nReferences > 0)
+        CLOSE_LOG(LEVEL_EVENT, "EMP:[%s] ReferenceCounter:[%d]", szEmp, nReferences);
+
+    m_EmpInfo.SetTypeStatus(info.empName, EMP_OPENED);
+    if (nReferences == 0 && eKind == EmpType::REGISTER) {
+        // No process ends that would report its stop: this is the end of the EMP.
+        CLOSE_LOG(LEVEL_EVENT, "RegisterEMP[%s] ReferenceCounter[%d]", szEmp, nReferences);
+        m_EmpInfo.Remove(info.empName);
+        m_ConnectionDB.RemoveConnectionData(key, info.clientPort);
+        return true;
+    }
+    // The entry stays, also without clients, until the EMP reports its stop.
+    m_ConnectionDB.RemoveClientPortFromConnDB(key, info.clientPort);
+    return true;
+}
+
+}  // namespace vok
