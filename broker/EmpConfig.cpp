@@ -8,7 +8,7 @@
 namespace vok {
 
 std::string CBroker::GetFullVersion() {
-    const std::string strVersion = "5.100";
+    std::string strVersion = "5.100";
     VOK_LOG(LEVEL_DETAIL, "GetFullVersion : [%s].", strVersion.c_str());
     return strVersion;
 }
