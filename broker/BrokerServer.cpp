@@ -1,7 +1,9 @@
 // The broker's RPC server: a thread that accepts, and a thread for each client.
-#include <boost/shared_ptr.hpp>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
+
+#include <functional>
+#include <memory>
 
 #include "broker/CBroker.h"
 #include "broker/Globals.h"
@@ -42,7 +44,11 @@ void* CBroker::BrokerServer(void* pSelf) {
 void CBroker::Serve() {
     using namespace apache::thrift;
     try {
-        const auto pProtocols = std::make_shared<protocol::TBinaryProtocolFactory>();
+        // The library takes no message above its bound, but would first make room for a text of up
+        // to 2 GiB that some garbage announces. Containers have no limit, reading is not strict.
+        constexpr int kLongestText = TConfiguration::DEFAULT_MAX_MESSAGE_SIZE;
+        const auto pProtocols =
+            std::make_shared<protocol::TBinaryProtocolFactory>(kLongestText, 0, false, true);
         // Not owned: the broker outlives its server, which it holds.
         const std::shared_ptr<VokBrokerIf> pHandler{std::shared_ptr<void>{}, this};
         const auto pProcessor = std::make_shared<VokBrokerProcessor>(pHandler);
@@ -74,6 +80,9 @@ void CBroker::OnServerEnds() {
     if (m_eServerState == SERVER_STARTING) {
         m_eServerState = SERVER_FAILED;
         (void)m_ServerStarted.NotifyOne();
+    } else if (!m_bStopRequested) {
+        SERVER_LOG(LEVEL_ERROR, "The server has ended unasked, and the broker with it.");
+        RequestStop();  // a broker that nobody reaches must not look ready
     }
     (void)m_ServerEnded.NotifyOne();
 }

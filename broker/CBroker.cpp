@@ -9,25 +9,13 @@
 #include "broker/Globals.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
-#include "platform/ScopeGuard.h"
 
 namespace vok {
 
 template <>
 CBroker* CSingleton<CBroker>::m_hInstance = nullptr;
 
-namespace {
-
-/// The framework's place for the one instance, set before any member is made and cleared after the
-/// last one has gone.
-CBroker* SetInstance(CBroker* pBroker) {
-    CSingleton<CBroker>::m_hInstance = pBroker;
-    return pBroker;
-}
-
-}  // namespace
-
-CBroker::CBroker(Platform platform) : m_Platform((SetInstance(this), platform)) {
+CBroker::CBroker(Platform platform) : CSingleton<CBroker>(this), m_Platform(platform) {
     is_vok_client_log_info_initialized = true;
     if (!SetLibraryPath()) return;
     MakeTicketMutex();
@@ -40,9 +28,12 @@ CBroker::~CBroker() {
     // Connection threads work on this object until the server has ended.
     if (m_bServerLaunched) (void)m_ServerEnded.Wait(0);
     while (m_nStopsUnderWay > 0) m_Platform.pClock->Sleep(kStopPoll);
+
+    // Not before the last start has read it.
     std::free(gpVokBrokerLibraryPath);
     gpVokBrokerLibraryPath = nullptr;
-    SetInstance(nullptr);
+    CBroker* pSelf = this;
+    (void)g_pBroker.compare_exchange_strong(pSelf, nullptr);
 }
 
 /// False when memory is short: the construction ends there.

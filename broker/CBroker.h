@@ -24,6 +24,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "VokBroker.h"
 #include "broker/Export.h"
@@ -45,11 +46,23 @@ namespace vok {
 /// Which EMPs the launchers serve: (launcher name, launcher port) to EMP names.
 using LauncherTable = std::map<std::pair<std::string, std::string>, std::set<std::string>>;
 
+/// The framework's place for the one instance: set before its members are made, cleared after the
+/// last of them has gone.
 template <typename T>
 class CSingleton {
 public:
+    /// `pInstance` is the object under construction, which cannot be cast to from here yet.
+    explicit CSingleton(T* pInstance) { m_hInstance = pInstance; }
+    ~CSingleton() { m_hInstance = nullptr; }
+    CSingleton(const CSingleton&) = delete;
+    CSingleton& operator=(const CSingleton&) = delete;
+
     static T* m_hInstance;
 };
+
+class CBroker;
+template <>
+CBroker* CSingleton<CBroker>::m_hInstance;
 
 class VOK_EXPORT CBroker : public CSingleton<CBroker>, public VokBrokerIf {
 public:
@@ -148,11 +161,17 @@ public:
     bool GetRegisterEMPInfo(std::string& strLauncherName, std::string& strLauncherPort,
                             std::string strEmp);
 
+    /// An EMP is served by the register launcher at a port from now on, or no longer. False when no
+    /// launcher has that port; an EMP that is in use is not taken away.
     bool RegisterEMP(const std::string& strEmp, const std::string& strLauncherPort);
     bool UnRegisterEMP(const std::string& strEmp, const std::string& strLauncherPort);
+
+    /// A register launcher comes; one of the same name, and all that it served, is replaced.
     void AddLauncherInfo(std::string strName, std::string strPort);
-    bool UpdateLauncherInfo(LauOption_E option, std::string strName, std::string strPort);
+    /// A register launcher goes: every connection of its EMPs is closed first.
     void RemoveLauncherInfo(std::string strName, std::string strPort);
+    /// One or the other. False only when a text is empty; an unknown option is true.
+    bool UpdateLauncherInfo(LauOption_E option, std::string strName, std::string strPort);
 
     bool SendOpenToEmpLauncher(const std::string& strEmp, int nTicketSerial,
                                const std::string& strCallbackPort,
@@ -216,6 +235,8 @@ private:
     /// Tries to mount at most kMountAttempts times, with a pause before each.
     bool MountPatiently(const char* szOperation, const std::string& strImageFile,
                         const std::string& strMountPoint);
+    /// The body of ExitEmpProc.
+    static void StopEmp(const ExitEmpBlock* pExit);
     /// The decision inside UnmoutEMP.
     bool UnmountUnused(const std::string& strEmp) VOK_REQUIRES(m_mtxMapEmp);
 
@@ -224,6 +245,9 @@ private:
     void LowerMountCount(const std::string& strImage);
     bool RecordClose(const ConnectionInfo& info, EmpType::type eKind, int nReferences);
 
+    /// The first half of RemoveLauncherInfo.
+    bool CollectConnections(const std::string& strName, const std::string& strPort,
+                            std::vector<ConnectionInfo>& connections);
     int CountGroupingEmps();
     int CountRegisterEmps();
 
@@ -231,7 +255,7 @@ private:
     CConnectionDB m_ConnectionDB;
     CEmpInfo m_EmpInfo;
 
-    CMutex m_mtxMapEmp VOK_BEFORE(m_mtxTicket);
+    CMutex m_mtxMapEmp VOK_BEFORE(m_mtxTicket) VOK_BEFORE(m_mtxMountCount);
     /// Per image, or grouping process, how many opens rely on it.
     std::map<std::string, int> m_mapEmp VOK_GUARDED_BY(m_mtxMapEmp);
 

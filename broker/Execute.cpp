@@ -1,11 +1,12 @@
 // The command call: EMPs report and stop, launchers register, clients ask and leave.
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "broker/CBroker.h"
+#include "broker/ThreadName.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
+#include "platform/Number.h"
 #include "platform/ThreadMaker.h"
 
 namespace vok {
@@ -20,17 +21,10 @@ const char* DoneOrError(bool bDone) {
     return bDone ? "Done" : "Error";
 }
 
-int Number(const std::string& strText) {
-    return static_cast<int>(std::strtol(strText.c_str(), nullptr, 10));
-}
-
-/// Names the connection's thread; the name stays for later calls on the same connection.
 void NameThread(const char* szSuffix) {
     char szName[16] = "B-E-";
     std::strncat(szName, szSuffix, sizeof szName - 1 - std::strlen(szName));
-    EXECUTE_LOG(LEVEL_DETAIL, "ThreadName:[%s] len:[%d]", szName,
-                static_cast<int>(std::strlen(szName)));
-    ThreadMaker::NameThisThread(szName);
+    NameConnectionThread("Execute", szName);
 }
 
 /// EMPs that run as a thread of their launcher have no process to stop.
@@ -155,7 +149,7 @@ void CCommand::NotifyRegisterEmpServer() {
         EXECUTE_LOG(LEVEL_ERROR, "[Register] Necessary info is empty!");
         return;
     }
-    const auto option = static_cast<LauOption_E>(Number(m_strArg1));
+    const auto option = static_cast<LauOption_E>(LeadingNumber(m_strArg1));
     m_strResult = DoneOrError(m_Broker.UpdateLauncherInfo(option, m_strArg3, m_strArg4));
 }
 
@@ -203,9 +197,9 @@ void CCommand::NotifyToStopEmpServer() {
         EXECUTE_LOG(LEVEL_ERROR, "EMP:[%s]->pid:[0], maybe it's not existed.", m_strArg3.c_str());
         return;
     }
-    m_Broker.m_ConnectionDB.RemoveEmpInfoFromConnDB({m_strArg3, m_strArg4});
-    m_Broker.m_EmpInfo.Remove(m_strArg3);
-    if (Number(m_strArg5) == kEmpIsThread) {
+    (void)m_Broker.m_ConnectionDB.RemoveEmpInfoFromConnDB({m_strArg3, m_strArg4});
+    (void)m_Broker.m_EmpInfo.Remove(m_strArg3);
+    if (LeadingNumber(m_strArg5) == kEmpIsThread) {
         EXECUTE_LOG(LEVEL_DETAIL, "[Register] %s is in form of thread.", m_strArg3.c_str());
         return;
     }
@@ -222,7 +216,7 @@ void CCommand::NotifyToStopEmpServer() {
 bool CCommand::FindGroupToStop(std::string& strToStop, bool& bGrouping) {
     std::string strGroup;
     std::string strGroupPort;
-    m_Broker.GetGroupingEMPInfo(strGroup, strGroupPort, m_strArg3);
+    (void)m_Broker.GetGroupingEMPInfo(strGroup, strGroupPort, m_strArg3);
     EXECUTE_LOG(LEVEL_DETAIL, "[Grouping Emp] | name:[%s], group:[%s].", m_strArg3.c_str(),
                 strGroup.c_str());
 
@@ -284,7 +278,7 @@ void CCommand::CloseAll() {
         return;
     }
     NameThread("CloseAllEm");
-    m_Broker.CloseAllEmpWithAppID(m_strArg3, m_strArg4);
+    (void)m_Broker.CloseAllEmpWithAppID(m_strArg3, m_strArg4);
 }
 
 }  // namespace vok

@@ -5,12 +5,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ctime>
+#include <tuple>
+
 #include "broker/CBroker.h"
 #include "platform/CUniqueFd.h"
 #include "platform/EmpPaths.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
 #include "platform/ThreadMaker.h"
+#include "rpc/CallOnce.h"
 
 namespace vok {
 
@@ -31,11 +35,41 @@ bool IsPortFree() {
            ::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
+/// Asks whoever holds the port for the version. Something else may never answer.
+bool DoesBrokerAnswer() {
+    using namespace apache::thrift;
+    try {
+        const auto pSocket = MakeRpcSocket({kBrokerAddress, kBrokerPort, std::string()});
+        pSocket->setConnTimeout(kBrokerQuestionMs);
+        pSocket->setSendTimeout(kBrokerQuestionMs);
+        pSocket->setRecvTimeout(kBrokerQuestionMs);
+        const auto pTransport = std::make_shared<transport::TBufferedTransport>(pSocket);
+        VokBrokerClient broker{std::make_shared<protocol::TBinaryProtocol>(pTransport)};
+        std::string strVersion;
+        pTransport->open();
+        broker.Execute(strVersion, "", "GetVOKVersion", "", "", "", "");
+        return true;
+    } catch (const TException&) {
+        return false;
+    }
+}
+
+/// Removes the ready flag when it is older than this start. A broker that starts at the same time
+/// may just have raised its own.
+void RemoveOldFlag(const timespec& now) {
+    struct stat info {};
+    if (::lstat(paths::kReadyFlag, &info) != 0) return;
+    const bool bOlder =
+        std::tie(info.st_ctim.tv_sec, info.st_ctim.tv_nsec) < std::tie(now.tv_sec, now.tv_nsec);
+    if (bOlder) (void)::unlink(paths::kReadyFlag);  // a folder stays, and fails the start
+}
+
 }  // namespace
 
 bool CBroker::StartServer() {
     RemoveStaleReadyFlag();
-    if (!PreparePlugins()) return false;
+    if (m_bStopRequested) return true;
+    if (!PreparePlugins()) return m_bStopRequested;  // a stop ends the attempts to mount
     if (m_bStopRequested) return true;
     if (!LaunchServer()) return false;
     if (!AwaitServer()) return false;
@@ -53,7 +87,9 @@ bool CBroker::StartServer() {
 /// A crash leaves the flag behind; it must not speak for a broker that is still starting. When
 /// somebody holds the port, the flag may be another broker's.
 void CBroker::RemoveStaleReadyFlag() {
-    if (IsPortFree()) (void)::unlink(paths::kReadyFlag);  // mostly there is none
+    timespec now{};
+    (void)::clock_gettime(CLOCK_REALTIME_COARSE, &now);  // the clock that stamps files
+    if (IsPortFree()) RemoveOldFlag(now);
 }
 
 bool CBroker::LaunchServer() {
@@ -70,7 +106,7 @@ bool CBroker::AwaitServer() {
     (void)m_ServerStarted.Wait(0);
     if (m_eServerState == SERVER_FAILED) {
         // The port is another's. Does a broker serve there, whose flag it is?
-        if (!IsBrokerServerRunning()) (void)::unlink(paths::kReadyFlag);
+        if (!DoesBrokerAnswer()) (void)::unlink(paths::kReadyFlag);
         return false;
     }
 

@@ -48,9 +48,6 @@ inline constexpr char kOptionSingleton[] = "0001";
 inline constexpr char kOptionNotSingleton[] = "0002";
 inline constexpr char kOptionOneConnection[] = "0003";
 
-/// What stands for the port of an open that failed, and of an EMP that has no connection.
-inline constexpr char kNoPort[] = "-1";
-
 /// The port of a grouping process that does not run.
 inline constexpr char kGroupNotRunning[] = "N/A";
 

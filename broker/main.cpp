@@ -1,4 +1,5 @@
 // The daemon: into the background, and serve until SIGTERM.
+#include <fcntl.h>
 #include <thrift/Thrift.h>
 #include <unistd.h>
 
@@ -16,6 +17,15 @@ void LogRpcLibrary(const char* szMessage) {
     VOK_LOG_AS("RpcLibrary", vok::LEVEL_DETAIL, "%s", szMessage);
 }
 
+/// A library's socket that became standard output would be written to, by us and by every EMP.
+void FillStandardDescriptors() {
+    int nFd = 0;
+    do {
+        nFd = ::open("/dev/null", O_RDWR);  // EMPs shall inherit it: not close-on-exec
+    } while (nFd >= 0 && nFd <= STDERR_FILENO);
+    if (nFd > STDERR_FILENO) (void)::close(nFd);
+}
+
 }  // namespace
 
 int main() {
@@ -30,6 +40,8 @@ int main() {
     vok::g_pfnBrokerCreated = &vok::AdmitStopSignal;
     // A peer, or a log, that is gone is told by an error of the call.
     (void)std::signal(SIGPIPE, SIG_IGN);
+    (void)std::signal(SIGCHLD, SIG_DFL);  // ignored, EMPs would be reaped by nobody
+    FillStandardDescriptors();
     apache::thrift::GlobalOutput.setOutputFunction(&LogRpcLibrary);
     vok::RaiseDescriptorLimit();
 

@@ -11,7 +11,8 @@ target_link_libraries(vok_options INTERFACE Threads::Threads)
 
 if(VOK_SANITIZE)
   # Global, so that the generated code is instrumented as well.
-  add_compile_options(-fsanitize=${VOK_SANITIZE} -fno-omit-frame-pointer
+  # -O1: what is instrumented compiles several times faster, and finds the same.
+  add_compile_options(-fsanitize=${VOK_SANITIZE} -O1 -fno-omit-frame-pointer
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VOK_SANITIZE})
 endif()

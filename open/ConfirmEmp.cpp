@@ -1,11 +1,10 @@
 // An EMP's report wakes its opener; a status that is about to change is waited out.
 #include <boost/lexical_cast.hpp>
 
-#include <cstdlib>
-
 #include "broker/CBroker.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
+#include "platform/Number.h"
 
 namespace vok {
 
@@ -34,12 +33,10 @@ void CBroker::ConfirmEMPServer(const std::string& strTicketSerial, const std::st
     VOK_LOG(LEVEL_DETAIL, "Notify the TicketSerial:[%d] to break waiting.", nSerial);
 
     // The process is recognised now, while it is certainly the one that reports.
-    const auto nReportedPid = static_cast<pid_t>(std::strtol(report.strPid.c_str(), nullptr, 10));
-    const ProcessId process = m_Platform.pProcesses->Identify(nReportedPid);
+    const ProcessId process = m_Platform.pProcesses->Identify(LeadingNumber(report.strPid));
 
     const CLock lock{m_mtxTicket};
-    boost::shared_ptr<Ticket> spTicket =
-        FindWaitingTicket(m_mapTicket, strTicketSerial, nReportedPid);
+    boost::shared_ptr<Ticket> spTicket = FindWaitingTicket(m_mapTicket, strTicketSerial, process);
     if (!spTicket) {
         // An unknown serial leaves an empty entry behind.
         spTicket = m_mapTicket[nSerial];

@@ -1,7 +1,8 @@
 /// What an EMP's program is started with.
 #pragma once
 
-#include <string>
+#include <cstddef>
+#include <string_view>
 #include <type_traits>
 
 #include "broker/Types.h"
@@ -11,7 +12,7 @@ namespace vok {
 /// Copies `strSource` into a zeroed buffer of fixed size: what does not fit is cut off, and the
 /// copy always ends in a NUL.
 template <std::size_t nSize>
-void CopyBounded(char (&szTarget)[nSize], const std::string& strSource) {
+void CopyBounded(char (&szTarget)[nSize], std::string_view strSource) {
     szTarget[strSource.copy(szTarget, nSize - 1)] = '\0';
 }
 

@@ -47,7 +47,8 @@ void LogFailedExecution(const char* szPath, int nErrno) {
     const char* szText = strerror_r(nErrno, szBuffer, sizeof szBuffer);
     // The GNU variant answers with a text of its own and leaves the buffer alone.
     if (szText != szBuffer) CopyBounded(szBuffer, szText);
-    FORK_LOG(LEVEL_ERROR, "execution:[%s] is fail,error[%d],errno[%d]-[%s]-[%s]", szPath, 777,
+    constexpr int kError = 777;  // whatever it once told, readers of the log expect it
+    FORK_LOG(LEVEL_ERROR, "execution:[%s] is fail,error[%d],errno[%d]-[%s]-[%s]", szPath, kError,
              nErrno, szBuffer, szText);
 }
 

@@ -2,16 +2,15 @@
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
-#include <cstring>
 
 #include "broker/CBroker.h"
+#include "broker/ThreadName.h"
 #include "open/ExecImage.h"
 #include "open/ServerChoice.h"
 #include "platform/EmpPaths.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
 #include "platform/ScopeGuard.h"
-#include "platform/ThreadMaker.h"
 
 namespace vok {
 
@@ -43,8 +42,8 @@ private:
     bool ChooseServerOfKnownEmp();
     void ReuseServer(const std::string& strPort);
     void RaiseMountCount();
-    void CountMountedImage();
-    void MountImage();
+    void CountMountedImage() VOK_REQUIRES(m_Broker.m_mtxMapEmp);
+    void MountImage() VOK_REQUIRES(m_Broker.m_mtxMapEmp);
     bool CheckEmpStatus();
     void ForgetMountCount();
     void StartAndAwaitReport();
@@ -136,9 +135,7 @@ bool COpenOperation::CheckArguments() {
 void COpenOperation::NameThread() {
     char szName[16] = "B-O-";
     m_strEmp.copy(szName + 4, std::min<std::size_t>(m_strEmp.size(), 10));
-    OPEN_LOG(LEVEL_DETAIL, "ThreadName:[%s] len:[%d]", szName,
-             static_cast<int>(std::strlen(szName)));
-    ThreadMaker::NameThisThread(szName);
+    NameConnectionThread("OpenEmp", szName);
 }
 
 bool COpenOperation::Locate() {
@@ -151,7 +148,7 @@ bool COpenOperation::Locate() {
     if (m_Location == EMPLOCATION_GROUPING) {
         std::string strGroup;
         std::string strGroupPort;
-        m_Broker.GetGroupingEMPInfo(strGroup, strGroupPort, m_strEmp);
+        (void)m_Broker.GetGroupingEMPInfo(strGroup, strGroupPort, m_strEmp);  // empty when lost
         m_strImage = strGroup;
         OPEN_LOG(LEVEL_DETAIL, "EMP Location is EMPLOCATION_GROUPING, GroupingEmpName is %s",
                  m_strImage.c_str());
@@ -163,7 +160,7 @@ bool COpenOperation::Locate() {
 }
 
 void COpenOperation::IssueTicket() {
-    m_spTicket = boost::make_shared<Ticket>(kNoPort);
+    m_spTicket = boost::make_shared<Ticket>("-1");
     // Announced before anybody can find it: a report that finds it never has to wait, whether its
     // opener will ever wait or not.
     m_spTicket->m_Condition.SetDoWaiting(true);
@@ -230,18 +227,21 @@ void COpenOperation::ReuseServer(const std::string& strPort) {
 
 void COpenOperation::RaiseMountCount() {
     OPEN_LOG(LEVEL_TRACE, "Location:[%d], Name:[%s]", m_Location, m_strImage.c_str());
-    switch (m_Broker.GetEmpLocationType(m_strImage)) {
-        case EMPFILE_MOUNTED:
-            return CountMountedImage();
-        case EMPFILE_IMAGE:
-            return MountImage();
-        default:
-            OPEN_LOG(LEVEL_DETAIL, "Nothing to do with Mount/UMount.");
+    const int nFile = m_Broker.GetEmpLocationType(m_strImage);
+    if (nFile != EMPFILE_MOUNTED && nFile != EMPFILE_IMAGE) {
+        OPEN_LOG(LEVEL_DETAIL, "Nothing to do with Mount/UMount.");
+        return;
     }
+    // Looked at again under the lock, which is held across mounting and unmounting: what was
+    // mounted may just have been unmounted after its last user, and the other way round.
+    const CLock lock{m_Broker.m_mtxMapEmp};
+    if (m_Broker.m_Platform.pFiles->Exists(paths::DownloadedProgram(m_strImage).c_str()))
+        CountMountedImage();
+    else
+        MountImage();
 }
 
 void COpenOperation::CountMountedImage() {
-    const CLock lock{m_Broker.m_mtxMapEmp};
     const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(m_strImage, 0);
     if (bAdded)
         OPEN_LOG(LEVEL_ERROR, "Maybe something wrong with [%s]'s the count of mount/umount.",
@@ -253,8 +253,6 @@ void COpenOperation::MountImage() {
     const std::string strImageFile = paths::ImageFile(m_strImage);
     const std::string strMountPoint = paths::MountPoint(m_strImage);
 
-    // Held across the mount: two opens of one image would mount it twice.
-    const CLock lock{m_Broker.m_mtxMapEmp};
     const bool bMounted = m_Broker.m_Platform.pMounter->Mount(strImageFile, strMountPoint);
     OPEN_LOG(LEVEL_DETAIL, "[Attention] Mount img:[%s] to [%s].", strImageFile.c_str(),
              strMountPoint.c_str());
@@ -368,19 +366,21 @@ void COpenOperation::KeepReport() {
 
     if (strOption.empty()) throw std::string("New EMP is failed to Open");
     OPEN_LOG(LEVEL_DETAIL, "This is new EMP strOption [%s]", strOption.c_str());
-    m_Broker.m_EmpInfo.SetTypeOption(m_strEmp, strOption);
+    // The record may have gone meanwhile, by a stop report: that is logged there.
+    (void)m_Broker.m_EmpInfo.SetTypeOption(m_strEmp, strOption);
 
     if (nPid == 0) throw std::string("New EMP is failed to Open");
     OPEN_LOG(LEVEL_DETAIL, "This is new EMP pid [%d]", nPid);
-    m_Broker.m_EmpInfo.SetEmpProcess(m_strEmp, process);
+    (void)m_Broker.m_EmpInfo.SetEmpProcess(m_strEmp, process);
 }
 
 void COpenOperation::RecordConnection() {
     OPEN_LOG(LEVEL_DETAIL,
              "Add connectionData to connectionDB, name :[%s], empport[%s], clientport[%s]",
              m_strEmp.c_str(), m_strEmpPort.c_str(), m_strClientPort.c_str());
-    m_Broker.m_ConnectionDB.AddConnectionData({m_strEmp, m_strEmpPort}, m_strClientPort);
-    m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_OPENED);
+    // A client that is connected already stays so.
+    (void)m_Broker.m_ConnectionDB.AddConnectionData({m_strEmp, m_strEmpPort}, m_strClientPort);
+    (void)m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_OPENED);
 }
 
 void COpenOperation::FillResult() {
@@ -401,16 +401,23 @@ void COpenOperation::Refuse() {
 
 void COpenOperation::Undo(const std::string& strReason) {
     OPEN_LOG(LEVEL_ERROR, "[Fail] Open emp:[%s], Prepare exception handling.", m_strEmp.c_str());
-    m_Broker.ReportLogToServer(m_strEmp, m_strVersion, m_strAppInfo);
-    OPEN_LOG(LEVEL_ERROR, "[Completed] Report for %s to Log Server.", m_strEmp.c_str());
-
-    LowerMountCount();
+    try {
+        m_Broker.ReportLogToServer(m_strEmp, m_strVersion, m_strAppInfo);
+        OPEN_LOG(LEVEL_ERROR, "[Completed] Report for %s to Log Server.", m_strEmp.c_str());
+        LowerMountCount();
+    } catch (...) {
+        // The records must go all the same: one that stayed would block the EMP for ever.
+        OPEN_LOG(LEVEL_ERROR, "The undo of opening EMP:[%s] is incomplete.", m_strEmp.c_str());
+    }
 
     const CLock lock{m_Broker.m_mtxTicket};
     m_Broker.m_mapTicket.erase(m_spTicket->GetSerial());
     CBroker::SetInvalidConnectionInfo(m_Result);
-    m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_CLOSED);
-    if (m_bIsNew) m_Broker.m_EmpInfo.Remove(m_strEmp);
+    // At once, without a "closed" in between: another open may be waiting for a change.
+    if (m_bIsNew)
+        (void)m_Broker.m_EmpInfo.Remove(m_strEmp);
+    else
+        (void)m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_CLOSED);
     OPEN_LOG(LEVEL_ERROR, "UNEXPECTED ERROR:[%s] OCCURED. EmpName:[%s] bIsNew:[%d].",
              strReason.c_str(), m_strEmp.c_str(), m_bIsNew);
 }

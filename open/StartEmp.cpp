@@ -80,7 +80,7 @@ bool StartGrouping(CBroker& broker, const std::string& strEmp, const ForkEmpPara
     }
 
     START_LOG(LEVEL_DETAIL, "EmpLauncher process is already running, send open function!");
-    broker.GetGroupingEMPInfo(strGroup, strPort, params.ARGV_empName);
+    (void)broker.GetGroupingEMPInfo(strGroup, strPort, params.ARGV_empName);
     START_LOG(LEVEL_DETAIL,
               "After GetGroupingEmpInfo, groupingEmpName[%s], groupingEMPPort[%s], empName[%s]",
               strGroup.c_str(), strPort.c_str(), strEmp.c_str());
@@ -92,7 +92,7 @@ bool StartRegister(CBroker& broker, const std::string& strEmp, const ForkEmpPara
     START_LOG(LEVEL_DETAIL, "EMP is register emp, send open function to Register launcher!");
     std::string strLauncher;
     std::string strPort;
-    broker.GetRegisterEMPInfo(strLauncher, strPort, strEmp);
+    (void)broker.GetRegisterEMPInfo(strLauncher, strPort, strEmp);
     START_LOG(LEVEL_DETAIL,
               "After GetRegisterEMPInfo, RegisterEMPName[%s], RegisterEMPPort[%s], empName[%s]",
               strLauncher.c_str(), strPort.c_str(), strEmp.c_str());

@@ -17,11 +17,27 @@ namespace {
 /// As far as the sweep looks when there is no /proc to ask.
 constexpr rlim_t kBlindSweep = 65536;
 
-void SweepOne(int nFd, const std::function<void(int nFd)>& onOff) {
+bool LacksCloseOnExec(int nFd) {
     const int nFlags = fcntl(nFd, F_GETFD);
-    if (nFlags < 0 || (nFlags & FD_CLOEXEC) != 0) return;
-    if (onOff) onOff(nFd);
-    (void)fcntl(nFd, F_SETFD, nFlags | FD_CLOEXEC);  // fails only when it has been closed meanwhile
+    return nFlags >= 0 && (nFlags & FD_CLOEXEC) == 0;
+}
+
+/// Calls `act` with every open descriptor above 2.
+void ForEachDescriptor(const std::function<void(int nFd)>& act) {
+    DIR* const pFolder = opendir("/proc/self/fd");
+    if (pFolder == nullptr) {
+        const int nEnd = static_cast<int>(std::min(DescriptorLimit(), kBlindSweep));
+        for (int nFd = 3; nFd < nEnd; ++nFd) act(nFd);
+        return;
+    }
+    const ScopeGuard closeFolder{[&] { (void)closedir(pFolder); }};
+    while (const dirent* pEntry = readdir(pFolder)) {
+        const char* const szEnd = pEntry->d_name + std::strlen(pEntry->d_name);
+        int nFd = -1;
+        const auto result = std::from_chars(pEntry->d_name, szEnd, nFd);
+        if (result.ec != std::errc() || result.ptr != szEnd) continue;  // "." and ".."
+        if (nFd > 2) act(nFd);
+    }
 }
 
 struct FormerLimit {
@@ -38,24 +54,24 @@ FormerLimit& TheFormerLimit() {
 }  // namespace
 
 void SetCloseOnExec(const std::function<void(int nFd)>& onOff) {
-    DIR* const pFolder = opendir("/proc/self/fd");
-    if (pFolder == nullptr) {
-        const int nEnd = static_cast<int>(std::min(DescriptorLimit(), kBlindSweep));
-        for (int nFd = 3; nFd < nEnd; ++nFd) SweepOne(nFd, onOff);
-        return;
-    }
-    const ScopeGuard closeFolder{[&] { (void)closedir(pFolder); }};
-    while (const dirent* pEntry = readdir(pFolder)) {
-        const char* const szEnd = pEntry->d_name + std::strlen(pEntry->d_name);
-        int nFd = -1;
-        const auto result = std::from_chars(pEntry->d_name, szEnd, nFd);
-        if (result.ec != std::errc() || result.ptr != szEnd) continue;  // "." and ".."
-        if (nFd > 2) SweepOne(nFd, onOff);
-    }
+    ForEachDescriptor([&](int nFd) {
+        if (!LacksCloseOnExec(nFd)) return;
+        if (onOff) onOff(nFd);
+        SetCloseOnExec(nFd);
+    });
+}
+
+std::set<int> InheritableDescriptors() {
+    std::set<int> setFd;
+    ForEachDescriptor([&](int nFd) {
+        if (LacksCloseOnExec(nFd)) setFd.insert(nFd);
+    });
+    return setFd;
 }
 
 void SetCloseOnExec(int nFd) {
-    SweepOne(nFd, nullptr);
+    const int nFlags = fcntl(nFd, F_GETFD);
+    if (nFlags >= 0) (void)fcntl(nFd, F_SETFD, nFlags | FD_CLOEXEC);  // or it is closed already
 }
 
 void RaiseDescriptorLimit() {

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <optional>
+#include <set>
 
 namespace vok {
 
@@ -14,6 +15,9 @@ void SetCloseOnExec(const std::function<void(int nFd)>& onOff);
 
 /// Sets close-on-exec on one descriptor; for those that a library has opened.
 void SetCloseOnExec(int nFd);
+
+/// The open descriptors above 2 that lack close-on-exec.
+std::set<int> InheritableDescriptors();
 
 /// Raises the soft limit of open descriptors to the hard one and remembers what it was.
 void RaiseDescriptorLimit();

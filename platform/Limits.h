@@ -30,6 +30,9 @@ inline constexpr std::chrono::milliseconds kLoopbackPause{100};
 inline constexpr int kServerTries = 255;
 inline constexpr std::chrono::milliseconds kServerPause{100};
 
+/// How long a broker that finds its port taken waits for the other one's answer.
+inline constexpr int kBrokerQuestionMs = 1000;
+
 /// How long accepting pauses when descriptors or memory are short.
 inline constexpr std::chrono::milliseconds kAcceptPause{20};
 
@@ -61,7 +64,7 @@ inline constexpr std::size_t kMaxTickets = 4096;
 inline constexpr std::chrono::milliseconds kEmpExitWait{2000};
 
 /// Waiting for an EMP's server to answer pings.
-inline constexpr int kEmpPings = 20;
+inline constexpr int kLastEmpPing = 20;  // the first one is numbered 2
 inline constexpr int kEmpPingDiagnosis = 10;
 inline constexpr std::chrono::milliseconds kEmpPingPause{10};
 

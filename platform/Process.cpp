@@ -47,29 +47,87 @@ using Clock = std::chrono::steady_clock;
 /// How often a process is looked at where the kernel cannot tell that it has ended.
 constexpr std::chrono::milliseconds kEndPoll{10};
 
-/// The start time in the text of /proc/PID/stat; 0 for one that has ended, or for garbage.
-unsigned long long ParseStartTime(std::string_view strStat) {
-    // The second field is the program's name in parentheses; blanks and parentheses in it are not
-    // escaped. The third is the state, the 22nd the start time.
-    const std::size_t nName = strStat.rfind(')');
-    if (nName == std::string_view::npos || nName + 2 >= strStat.size()) return 0;
-    strStat.remove_prefix(nName + 2);
-    const char cState = strStat.front();
-    if (cState == 'Z' || cState == 'X' || cState == 'x') return 0;
-    for (int nField = 3; nField < 22; ++nField) {
-        const std::size_t nBlank = strStat.find(' ');
-        if (nBlank == std::string_view::npos) return 0;
-        strStat.remove_prefix(nBlank + 1);
-    }
+/// What /proc/PID/stat tells of a process.
+struct ProcessStat {
+    char cState = 'X';
+    pid_t nParentPid = 0;
+    int nThreads = 0;
     unsigned long long nStartTime = 0;
-    const auto result =
-        std::from_chars(strStat.data(), strStat.data() + strStat.size(), nStartTime);
-    return result.ec == std::errc() ? nStartTime : 0;
+};
+
+/// A process whose main thread has ended is a zombie while its other threads live.
+bool HasEnded(const ProcessStat& stat) {
+    const bool bDead = stat.cState == 'Z' || stat.cState == 'X' || stat.cState == 'x';
+    return stat.nStartTime == 0 || (bDead && stat.nThreads <= 1);
 }
 
-bool IsRunning(const ProcessId& process) {
-    return process.nStartTime != 0 &&
-           IdentifyProcess(process.nPid).nStartTime == process.nStartTime;
+/// All zero for garbage.
+ProcessStat ParseStat(std::string_view strStat) {
+    // The second field is the program's name in parentheses; blanks and parentheses in it are not
+    // escaped. The third is the state, the 4th the parent, the 20th how many threads there are, the
+    // 22nd the start time.
+    const std::size_t nName = strStat.rfind(')');
+    if (nName == std::string_view::npos || nName + 2 >= strStat.size()) return {};
+    strStat.remove_prefix(nName + 2);
+    ProcessStat stat;
+    stat.cState = strStat.front();
+    for (int nField = 4; nField <= 22; ++nField) {
+        const std::size_t nBlank = strStat.find(' ');
+        if (nBlank == std::string_view::npos) return {};
+        strStat.remove_prefix(nBlank + 1);
+        const char* const szEnd = strStat.data() + strStat.size();
+        if (nField == 4) (void)std::from_chars(strStat.data(), szEnd, stat.nParentPid);
+        if (nField == 20) (void)std::from_chars(strStat.data(), szEnd, stat.nThreads);
+        if (nField == 22) (void)std::from_chars(strStat.data(), szEnd, stat.nStartTime);
+    }
+    return stat;
+}
+
+/// The start of a file of /proc, whose texts come in one piece; empty when it cannot be read.
+template <std::size_t nSize>
+std::string_view ReadProcFile(pid_t nPid, const char* szFile, char (&buffer)[nSize]) {
+    char szPath[32];
+    std::snprintf(szPath, sizeof szPath, "/proc/%d/%s", static_cast<int>(nPid), szFile);
+    const CUniqueFd fd{::open(szPath, O_RDONLY | O_CLOEXEC)};
+    if (!fd.IsOpen()) return {};
+    ssize_t nRead = 0;
+    do {
+        nRead = ::read(fd.Get(), buffer, nSize);
+    } while (nRead < 0 && errno == EINTR);
+    if (nRead <= 0) return {};
+    return {buffer, static_cast<std::size_t>(nRead)};
+}
+
+/// True when errno says that something was short or missing in the kernel, not in the process.
+bool CouldNotLook(int nErrno) {
+    return nErrno == EMFILE || nErrno == ENFILE || nErrno == ENOMEM || nErrno == ENOSYS ||
+           nErrno == EPERM || nErrno == EACCES;
+}
+
+enum class eLife { Running, Ended, Unknown };
+
+eLife LifeOf(const ProcessId& process) {
+    if (process.nStartTime == 0) return eLife::Ended;
+    char buffer[1024];  // 52 numbers and a name of 16 bytes (64 for a kernel thread)
+    errno = 0;
+    const std::string_view strStat = ReadProcFile(process.nPid, "stat", buffer);
+    if (strStat.empty() && CouldNotLook(errno)) return eLife::Unknown;
+    const ProcessStat stat = ParseStat(strStat);
+    return stat.nStartTime == process.nStartTime && !HasEnded(stat) ? eLife::Running : eLife::Ended;
+}
+
+/// False for the id of a thread that is not its process's first: a signal to it reaches the
+/// process.
+bool IsProcessId(pid_t nPid) {
+    char buffer[1024];
+    const std::string_view strStatus = ReadProcFile(nPid, "status", buffer);
+    constexpr std::string_view kField = "\nTgid:\t";
+    const std::size_t nField = strStatus.find(kField);
+    if (nField == std::string_view::npos) return false;
+    pid_t nProcess = 0;
+    (void)std::from_chars(strStatus.data() + nField + kField.size(),
+                          strStatus.data() + strStatus.size(), nProcess);
+    return nProcess == nPid;
 }
 
 CUniqueFd OpenPidFd(pid_t nPid) {
@@ -93,7 +151,7 @@ struct KernelLimit {
     std::uint64_t nHard;
 };
 
-/// Everything that the child needs, and what it reports. The child borrows the parent's memory.
+/// Everything that the child needs, and what it reports. In memory that both share in any case.
 struct ChildPlan {
     const ExecRequest* pRequest;
     bool bSetLimit;
@@ -104,7 +162,30 @@ struct ChildPlan {
 static_assert(std::is_trivially_destructible_v<ChildPlan>);
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<pid_t>::is_always_lock_free);
 
-constexpr std::size_t kChildStack = 64 * 1024;
+/// Of one mapping: the plan at its start, the child's stack at its end.
+constexpr std::size_t kChildMemory = 64 * 1024;
+
+#if defined(__SANITIZE_THREAD__)
+#define VOK_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VOK_THREAD_SANITIZER 1
+#endif
+#endif
+
+/// What vfork(2) is: the memory is shared, and the parent goes on once the child has executed or
+/// ended. ThreadSanitizer's run-time would take the child's traces in its memory for its own.
+#ifdef VOK_THREAD_SANITIZER
+constexpr int kVforkFlags = CLONE_VFORK | SIGCHLD;
+#else
+constexpr int kVforkFlags = CLONE_VM | CLONE_VFORK | SIGCHLD;
+#endif
+
+/// Asked once: an empty range closes nothing.
+bool CanCloseRange() {
+    static const bool bCan = ::syscall(SYS_close_range, ~0U, ~0U, 0U) == 0;
+    return bCan;
+}
 
 /// The highest open descriptor, for kernels that cannot close a range.
 int HighestFd() {
@@ -148,40 +229,33 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) int Run
 }  // namespace
 
 ProcessId IdentifyProcess(pid_t nPid) {
-    ProcessId process{nPid, 0};
+    ProcessId process{nPid, 0, 0};
     if (nPid <= 0) return process;
-    char szPath[32];
-    std::snprintf(szPath, sizeof szPath, "/proc/%d/stat", static_cast<int>(nPid));
-    const CUniqueFd fd{::open(szPath, O_RDONLY | O_CLOEXEC)};
-    if (!fd.IsOpen()) return process;
-    char buffer[1024];  // 52 numbers and a name of 16 bytes (64 for a kernel thread)
-    ssize_t nRead = 0;
-    do {
-        nRead = ::read(fd.Get(), buffer, sizeof buffer);
-    } while (nRead < 0 && errno == EINTR);
-    if (nRead > 0) {
-        process.nStartTime = ParseStartTime({buffer, static_cast<std::size_t>(nRead)});
-    }
+    char buffer[1024];
+    const ProcessStat stat = ParseStat(ReadProcFile(nPid, "stat", buffer));
+    if (HasEnded(stat)) return process;
+    process.nStartTime = stat.nStartTime;
+    process.nParentPid = stat.nParentPid;
     return process;
 }
 
 bool SignalProcess(const ProcessId& process, int nSignal) {
     if (process.nPid <= 1 || process.nPid == ::getpid()) return false;
     const CUniqueFd pidFd = OpenPidFd(process.nPid);
-    if (!pidFd.IsOpen() && (errno == ESRCH || errno == EINVAL)) return false;
+    if (!pidFd.IsOpen() && !CouldNotLook(errno)) return false;
     // The descriptor stays with the process that it was opened for, so a start time that is right
     // now says that it was opened for the right one.
-    if (!IsRunning(process)) return false;
+    if (LifeOf(process) != eLife::Running) return false;
     if (pidFd.IsOpen()) {
         return ::syscall(SYS_pidfd_send_signal, pidFd.Get(), nSignal, nullptr, 0) == 0;
     }
-    return ::kill(process.nPid, nSignal) == 0;
+    return IsProcessId(process.nPid) && ::kill(process.nPid, nSignal) == 0;
 }
 
 bool AwaitProcessEnd(const ProcessId& process, std::chrono::milliseconds wait) {
     const Clock::time_point deadline = Clock::now() + wait;
     const CUniqueFd pidFd = OpenPidFd(process.nPid);
-    while (IsRunning(process)) {
+    while (LifeOf(process) != eLife::Ended) {
         const int nLeft = MillisecondsUntil(deadline);
         if (nLeft == 0) return false;
         if (pidFd.IsOpen()) {
@@ -196,16 +270,17 @@ bool AwaitProcessEnd(const ProcessId& process, std::chrono::milliseconds wait) {
 
 ForkResult ForkAndExec(const ExecRequest& request) {
     ForkResult result;
-    // A stack of its own: what the child leaves behind on it meets nothing of ours.
-    void* const pStack = ::mmap(nullptr, kChildStack, PROT_READ | PROT_WRITE,
-                                MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-    if (pStack == MAP_FAILED) {
+    // A stack of its own: what the child leaves behind on it meets nothing of ours. vfork itself
+    // would share our frame.
+    void* const pMemory =
+        ::mmap(nullptr, kChildMemory, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (pMemory == MAP_FAILED) {
         result.nForkErrno = errno;
         return result;
     }
-    const ScopeGuard freeStack{[&] { (void)::munmap(pStack, kChildStack); }};
-
-    ChildPlan plan{&request, false, {}, HighestFd(), {}};
+    const ScopeGuard freeMemory{[&] { (void)::munmap(pMemory, kChildMemory); }};
+    const int nHighestFd = CanCloseRange() ? 2 : HighestFd();
+    ChildPlan& plan = *new (pMemory) ChildPlan{&request, false, {}, nHighestFd, {}};
     plan.nExecErrno.store(0);
     if (const auto limit = OriginalDescriptorLimit()) {
         plan.bSetLimit = true;
@@ -217,12 +292,13 @@ ForkResult ForkAndExec(const ExecRequest& request) {
     sigset_t former;
     (void)sigfillset(&all);
     (void)pthread_sigmask(SIG_SETMASK, &all, &former);
-    // These flags are vfork(2): the memory is shared, and we go on once the child has executed or
-    // ended. vfork itself would also share the stack frame, of which a compiler knows nothing.
-    result.nPid = ::clone(&RunChild, static_cast<char*>(pStack) + kChildStack,
-                          CLONE_VM | CLONE_VFORK | SIGCHLD, &plan);
+    result.nPid =
+        ::clone(&RunChild, static_cast<char*>(pMemory) + kChildMemory, kVforkFlags, &plan);
     if (result.nPid < 0) result.nForkErrno = errno;
     (void)pthread_sigmask(SIG_SETMASK, &former, nullptr);
+#ifdef VOK_THREAD_SANITIZER
+    if (result.nPid > 0 && request.pPid != nullptr) request.pPid->store(result.nPid);
+#endif
 
     result.nExecErrno = plan.nExecErrno.load();
     return result;

@@ -13,13 +13,15 @@ struct ProcessId {
     pid_t nPid = 0;
     /// Clock ticks from boot to its start (field 22 of /proc/PID/stat, proc(5)); 0: not known.
     unsigned long long nStartTime = 0;
+    pid_t nParentPid = 0;  // when it was identified
 };
 
 /// Recognises the running process `nPid`. The start time is 0 when there is none.
 ProcessId IdentifyProcess(pid_t nPid);
 
-/// Sends `nSignal` to exactly this process. False, and nothing is sent, when it has ended, its
-/// start time is not known, or the pid is 1 or less or the caller's own.
+/// Sends `nSignal` to exactly this process. False, and nothing is sent, when it has ended or cannot
+/// be looked at, its start time is not known, or the pid is 1 or less or the caller's own, a
+/// thread's of it included.
 bool SignalProcess(const ProcessId& process, int nSignal);
 
 /// Waits until this process has ended, at most `wait`. A zombie has ended. True when it has.

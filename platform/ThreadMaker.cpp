@@ -11,6 +11,7 @@ namespace vok {
 
 bool ThreadMaker::CreateThread(const std::string& /*strName*/, void* (*pRoutine)(void*), void* pArg,
                                unsigned int nStackSize, bool bDetached) {
+    if (pRoutine == nullptr) return false;
     pthread_attr_t attr;
     if (pthread_attr_init(&attr) != 0) return false;
     const ScopeGuard destroyAttr{[&] { (void)pthread_attr_destroy(&attr); }};

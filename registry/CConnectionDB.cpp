@@ -1,23 +1,11 @@
 #include "registry/CConnectionDB.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <limits>
 #include <utility>
 
 #include "platform/Log.h"
+#include "platform/Number.h"
 
 namespace vok {
-namespace {
-
-int AsNumber(const std::string& strPort) {
-    const long nPort = std::strtol(strPort.c_str(), nullptr, 10);
-    return static_cast<int>(
-        std::clamp<long>(nPort, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
-}
-
-}  // namespace
-
 int CConnectionDB::Lease() {
     const CLock lock{m_mtxConnection};
     return m_SocketPorts.Lease();
@@ -43,7 +31,7 @@ std::string CConnectionDB::GetEmpPort(std::string strName) {
     // The empty port sorts before every other one: the first entry from here on is the name's
     // first.
     const auto it = m_mapConnection.lower_bound({strName, {}});
-    if (it == m_mapConnection.end() || it->first.first != strName) return "-1";
+    if (it == m_mapConnection.end() || it->first.first != strName) return kNoPort;
     return it->first.second;
 }
 
@@ -151,7 +139,7 @@ bool CConnectionDB::ModifyConnectionData(const ConnectionKey& key, eServerType e
         // The port as a number here and as text below: readers of the log know the two apart by it.
         VOK_LOG(LEVEL_ERROR,
                 "There is no key in DB. key[%s]callback[%d]. serverType[%d]. old[%s], new[%s]",
-                key.first.c_str(), AsNumber(key.second), eType, strOldValue.c_str(),
+                key.first.c_str(), LeadingNumber(key.second), eType, strOldValue.c_str(),
                 strNewValue.c_str());
         return false;
     }

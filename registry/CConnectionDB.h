@@ -15,6 +15,9 @@ namespace vok {
 /// (EMP name, EMP port as decimal text); ordered by name, then by port, each by bytes.
 using ConnectionKey = std::pair<std::string, std::string>;
 
+/// What stands for the port of an EMP that has no connection, and of an open that failed.
+inline constexpr char kNoPort[] = "-1";
+
 /// What is kept of one EMP server.
 struct struct_conn_DB_Data_DB {
     /// The callback ports (decimal text) of its clients.

@@ -1,6 +1,9 @@
 #include "registry/Ticket.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -33,6 +36,13 @@ unsigned int CutSerial(const std::string& strSerial) {
     return nSerial;
 }
 
+/// True when the reporter is a child of ours that was not forked for this ticket: it reports late,
+/// for an open that has given up.
+bool IsForAnother(const Ticket& ticket, const ProcessId& reporter) {
+    const pid_t nForkedPid = ticket.m_nForkedPid;
+    return nForkedPid != 0 && nForkedPid != reporter.nPid && reporter.nParentPid == ::getpid();
+}
+
 }  // namespace
 
 unsigned int Ticket::m_nCurSerial = 1;
@@ -44,6 +54,9 @@ Ticket::Ticket(std::string strName) : m_nSerial(IssueSerial()), m_strName(std::m
 }
 
 void PruneTickets(TicketMap& mapTicket, std::size_t nMost) {
+    // Serials that were never issued sort last, and would otherwise push out all that were.
+    while (mapTicket.size() > nMost && !mapTicket.rbegin()->second)
+        mapTicket.erase(std::prev(mapTicket.end()));
     auto it = mapTicket.begin();
     while (mapTicket.size() > nMost && it != mapTicket.end()) {
         const bool bStays = it->second && it->second->m_bInProgress;
@@ -52,7 +65,8 @@ void PruneTickets(TicketMap& mapTicket, std::size_t nMost) {
 }
 
 boost::shared_ptr<Ticket> FindWaitingTicket(const TicketMap& mapTicket,
-                                            const std::string& strSerial, pid_t nReportedPid) {
+                                            const std::string& strSerial,
+                                            const ProcessId& reporter) {
     const unsigned int nCut = CutSerial(strSerial);
     if (nCut == 0) return nullptr;
     const auto itExact = mapTicket.find(nCut);
@@ -72,10 +86,11 @@ boost::shared_ptr<Ticket> FindWaitingTicket(const TicketMap& mapTicket,
             if (!AwaitsReport(it->second)) continue;
             ++nWaiting;
             pOnly = it->second;
-            if (nReportedPid > 0 && it->second->m_nForkedPid == nReportedPid) pForked = it->second;
+            if (reporter.nPid > 0 && it->second->m_nForkedPid == reporter.nPid)
+                pForked = it->second;
         }
     }
-    return nWaiting == 1 ? pOnly : pForked;
+    return nWaiting == 1 && !IsForAnother(*pOnly, reporter) ? pOnly : pForked;
 }
 
 }  // namespace vok

@@ -35,7 +35,7 @@ public:
     /// Guards `m_nCurSerial`. Made by the broker's constructor and never freed; null until then.
     static CMutex* m_pTicketScopedMutex;
 
-    unsigned int m_nSerial;
+    const unsigned int m_nSerial;
     int m_nPid = -1;          // as reported
     std::string m_strPort;    // as reported: a port or a socket path
     std::string m_strSpare;   // not written by the broker
@@ -57,8 +57,9 @@ public:
 /// Tickets by serial. A null entry is left by a report with an unknown serial.
 using TicketMap = std::map<unsigned int, boost::shared_ptr<Ticket>>;
 
-/// Erases entries, lowest serial first, until at most `nMost` are left. Tickets whose open is in
-/// progress always stay. The caller holds the table's lock.
+/// Erases entries until at most `nMost` are left: empty ones at the end of the table, then the
+/// lowest serials. Tickets whose open is in progress always stay. The caller holds the table's
+/// lock.
 void PruneTickets(TicketMap& mapTicket, std::size_t nMost);
 
 /// The ticket that a report with a cut serial belongs to. EMPs receive the first five characters of
@@ -66,9 +67,11 @@ void PruneTickets(TicketMap& mapTicket, std::size_t nMost);
 ///
 /// Null when the serial is meant as it stands (it is not cut, or its own ticket awaits a report)
 /// and when no ticket matches: one that awaits a report and whose serial begins with these five
-/// digits. Of several such, the one for which the reported process was forked. Changes nothing. The
-/// caller holds the table's lock.
+/// digits. Of several such, the one for which the reported process was forked; a single one not,
+/// when the caller's process forked the reporter for something else. Changes nothing. The caller
+/// holds the table's lock.
 boost::shared_ptr<Ticket> FindWaitingTicket(const TicketMap& mapTicket,
-                                            const std::string& strSerial, pid_t nReportedPid);
+                                            const std::string& strSerial,
+                                            const ProcessId& reporter);
 
 }  // namespace vok

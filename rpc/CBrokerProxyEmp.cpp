@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/Log.h"
+#include "platform/Number.h"
 #include "platform/VokExecShell.h"
 
 #define PROXY_LOG(level, ...) VOK_CLASS_LOG("CBrokerProxyEmp", level, __VA_ARGS__)
@@ -54,7 +55,7 @@ int32_t CBrokerProxyEmp::Open(const std::string& strClientID, const std::string&
 int32_t CBrokerProxyEmp::Close(const std::string& strClientID, EmpType::type eType) {
     PROXY_LOG(LEVEL_DETAIL, "Close from clientID:[%s], emp type:[%d].", strClientID.c_str(),
               static_cast<int>(eType));
-    PROXY_LOG(LEVEL_DETAIL, ">>>>>>TCP Socket, emp server port:[%d].", PortNumber(m_strPort));
+    PROXY_LOG(LEVEL_DETAIL, ">>>>>>TCP Socket, emp server port:[%d].", LeadingNumber(m_strPort));
 
     constexpr char kOperation[] = "Close";
     int32_t nReferences = -1;  // stays when the call fails; an answer stays when closing fails
@@ -158,7 +159,7 @@ bool CBrokerProxyEmp::IsServerRunning(std::string strPort) {
         }
         std::this_thread::sleep_for(kEmpPingPause);
         if (nCount % kEmpPingDiagnosis == 0) LogSystemState(strPort, nCount);
-        if (nCount + 1 == kEmpPings)
+        if (nCount + 1 == kLastEmpPing)
             throw std::string{"EmpServer(Port:[" + strPort + "]) is not available now"};
     }
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "VokEmp.h"
+#include "platform/Number.h"
 #include "rpc/CallOnce.h"
 
 namespace vok {
@@ -56,7 +57,7 @@ public:
     bool IsServerRunning(std::string strPort);
 
 private:
-    RpcAddress Address() const { return {m_strIP, PortNumber(m_strPort), {}}; }
+    RpcAddress Address() const { return {m_strIP, LeadingNumber(m_strPort), {}}; }
 
     std::shared_ptr<VokEmpClient> m_pClient;  // never set; keeps its place in the object
     std::string m_strPort;

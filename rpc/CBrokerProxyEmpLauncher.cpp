@@ -5,6 +5,7 @@
 #include "VOKEmpLauncher.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
+#include "platform/Number.h"
 #include "rpc/CallOnce.h"
 
 namespace vok {
@@ -19,7 +20,7 @@ int CBrokerProxyEmpLauncher::Open(std::string strName, int nTicketSerial, std::s
     constexpr char kOperation[] = "Open";
     int nResult = 0;
     const bool bCalled = CallOnce<VOKEmpLauncherClient>(
-        {kBrokerAddress, PortNumber(m_strPort), {}},
+        {kBrokerAddress, LeadingNumber(m_strPort), {}},
         [&](VOKEmpLauncherClient& launcher) {
             VOK_LOG_AS(kOperation, LEVEL_DETAIL, "Before send open to launcher");
             nResult = launcher.Open(strName, nTicketSerial, strCbSrvPath);

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <new>
+#include <set>
 #include <thread>
 
 #include "platform/Descriptors.h"
@@ -94,8 +96,13 @@ CRpcServerSocket::CRpcServerSocket(const std::string& strAddress, int nPort)
     : TServerSocket(strAddress, nPort) {}
 
 void CRpcServerSocket::listen() {
+    if (IsListening(getSocketFD())) return;  // serving begins anew: see CRpcServer::serve
+    const std::set<int> setBefore = InheritableDescriptors();
     TServerSocket::listen();
-    SetCloseOnExec([](int) {});  // the library also keeps sockets to interrupt itself with
+    // The library also opens sockets to interrupt itself with, and keeps them to itself.
+    for (const int nFd : InheritableDescriptors()) {
+        if (setBefore.count(nFd) == 0) SetCloseOnExec(nFd);
+    }
 }
 
 std::shared_ptr<apache::thrift::transport::TTransport> CRpcServerSocket::acceptImpl() {
@@ -132,6 +139,18 @@ CRpcServer::CRpcServer(
                       std::make_shared<CConnectionThreadFactory>()) {
     setConcurrentClientLimit(
         ConnectionLimit(static_cast<unsigned long>(std::min<rlim_t>(DescriptorLimit(), LONG_MAX))));
+}
+
+void CRpcServer::serve() {
+    for (;;) {
+        try {
+            return TThreadedServer::serve();
+        } catch (const std::bad_alloc&) {
+            // One client's share of memory was missing: it is dropped, and the accepting goes on.
+            VOK_CLASS_LOG_AS("CRpcServer", "serve", LEVEL_ERROR, "No memory for a client.");
+            std::this_thread::sleep_for(kAcceptPause);
+        }
+    }
 }
 
 void CRpcServer::onClientConnected(

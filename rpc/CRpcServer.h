@@ -35,6 +35,9 @@ public:
                const std::shared_ptr<apache::thrift::transport::TTransportFactory>& pTransports,
                const std::shared_ptr<apache::thrift::protocol::TProtocolFactory>& pProtocols);
 
+    /// Serves until stopped. Throws TTransportException when it cannot listen.
+    void serve() override;
+
 protected:
     void onClientConnected(
         const std::shared_ptr<apache::thrift::server::TConnectedClient>& pClient) override;

@@ -1,24 +1,32 @@
 #include "rpc/CallOnce.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <limits>
+#include "platform/Descriptors.h"
 
 namespace vok {
 
-int PortNumber(const std::string& strPort) {
-    const long nPort = std::strtol(strPort.c_str(), nullptr, 10);
-    // Not cut to an int: 4294967297 is no port, least of all port 1.
-    return static_cast<int>(
-        std::clamp<long>(nPort, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
-}
+using apache::thrift::transport::TSocket;
 
-std::shared_ptr<apache::thrift::transport::TSocket> MakeRpcSocket(const RpcAddress& address) {
-    using apache::thrift::transport::TSocket;
+namespace {
 
-    const auto pSocket = address.strPath.empty()
-                             ? std::make_shared<TSocket>(address.strHost, address.nPort)
-                             : std::make_shared<TSocket>(address.strPath);
+/// Close-on-exec as soon as there is a descriptor; the library opens it without.
+class CRpcSocket : public TSocket {
+public:
+    using TSocket::TSocket;
+
+    void open() override {
+        TSocket::open();
+        SetCloseOnExec(static_cast<int>(getSocketFD()));
+    }
+};
+
+}  // namespace
+
+std::shared_ptr<TSocket> MakeRpcSocket(const RpcAddress& address) {
+    std::shared_ptr<TSocket> pSocket;
+    if (address.strPath.empty())
+        pSocket = std::make_shared<CRpcSocket>(address.strHost, address.nPort);
+    else
+        pSocket = std::make_shared<CRpcSocket>(address.strPath);
     if (kRpcTimeoutMs > 0) {
         pSocket->setConnTimeout(kRpcTimeoutMs);
         pSocket->setSendTimeout(kRpcTimeoutMs);

@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 
-#include "platform/Descriptors.h"
 #include "platform/Limits.h"
 
 namespace vok {
@@ -23,11 +22,7 @@ struct RpcAddress {
     std::string strPath;  // not empty: the path counts, host and port do not
 };
 
-/// The number that a port text begins with; 0 when it begins with none, and the nearest int when it
-/// is too large.
-int PortNumber(const std::string& strPort);
-
-/// A socket to `address`, not open yet, with the time-outs of Limits.h.
+/// A socket to `address`, not open yet, with the time-outs of Limits.h. It becomes close-on-exec.
 std::shared_ptr<apache::thrift::transport::TSocket> MakeRpcSocket(const RpcAddress& address);
 
 /// Opens a connection to `address`, runs `call(client)` on it, closes it. `Client` is a generated
@@ -48,7 +43,6 @@ bool CallOnce(const RpcAddress& address, Call&& call, OnError&& onError) {
         Client client{std::make_shared<TBinaryProtocol>(pTransport)};
 
         pTransport->open();
-        SetCloseOnExec(static_cast<int>(pSocket->getSocketFD()));
         call(client);
         pTransport->close();
         return true;

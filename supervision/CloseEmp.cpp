@@ -4,9 +4,9 @@
 #include <cstring>
 
 #include "broker/CBroker.h"
+#include "broker/ThreadName.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
-#include "platform/ThreadMaker.h"
 #include "rpc/CBrokerProxyEmp.h"
 
 namespace vok {
@@ -15,8 +15,8 @@ namespace {
 
 #define CLOSE_LOG(level, ...) VOK_LOG_AS("CloseEmp", level, __VA_ARGS__)
 
-/// Puts the fourth and fifth character of a port text at `szTarget`. Of a shorter text, its end comes
-/// along and ends the name, too.
+/// Puts the fourth and fifth character of a port text at `szTarget`. Of a shorter text, its end
+/// comes along and ends the name, too.
 void PutPortDigits(char* szTarget, const std::string& strPort) {
     char szPort[10] = {};
     strPort.copy(szPort, sizeof szPort - 1);
@@ -28,9 +28,7 @@ void NameThread(const ConnectionInfo& info) {
     char* const szPorts = szName + 4 + info.empName.copy(szName + 4, 7);
     PutPortDigits(szPorts, info.clientPort);
     PutPortDigits(szPorts + 2, info.empPort);
-    CLOSE_LOG(LEVEL_DETAIL, "ThreadName:[%s] len:[%d]", szName,
-              static_cast<int>(std::strlen(szName)));
-    ThreadMaker::NameThisThread(szName);
+    NameConnectionThread("CloseEmp", szName);
 }
 
 /// What is refused: no record, just added, failed, pending.
@@ -117,8 +115,8 @@ void CBroker::LowerMountCount(const std::string& strImage) {
               it->second);
 }
 
-/// Brings the tables up to date. `nReferences`: how many clients the EMP still serves; below 0, the
-/// call failed.
+/// Brings the tables up to date; what is missing there has gone meanwhile, and is logged.
+/// `nReferences`: how many clients the EMP still serves; below 0, the call failed.
 bool CBroker::RecordClose(const ConnectionInfo& info, EmpType::type eKind, int nReferences) {
     const ConnectionKey key{info.empName, info.empPort};
     const char* const szEmp = info.empName.c_str();
@@ -126,23 +124,23 @@ bool CBroker::RecordClose(const ConnectionInfo& info, EmpType::type eKind, int n
     if (nReferences < 0) {
         CLOSE_LOG(LEVEL_ERROR, "Error!! EMP[%s] ReferenceCounter[%d] ", szEmp, nReferences);
         if (m_EmpInfo.GetTypeOption(info.empName) == kOptionSingleton)
-            m_EmpInfo.Remove(info.empName);
-        m_ConnectionDB.RemoveConnectionData(key, info.clientPort);
+            (void)m_EmpInfo.Remove(info.empName);
+        (void)m_ConnectionDB.RemoveConnectionData(key, info.clientPort);
         return false;
     }
     if (nReferences > 0)
         CLOSE_LOG(LEVEL_EVENT, "EMP:[%s] ReferenceCounter:[%d]", szEmp, nReferences);
 
-    m_EmpInfo.SetTypeStatus(info.empName, EMP_OPENED);
+    (void)m_EmpInfo.SetTypeStatus(info.empName, EMP_OPENED);
     if (nReferences == 0 && eKind == EmpType::REGISTER) {
         // No process ends that would report its stop: this is the end of the EMP.
         CLOSE_LOG(LEVEL_EVENT, "RegisterEMP[%s] ReferenceCounter[%d]", szEmp, nReferences);
-        m_EmpInfo.Remove(info.empName);
-        m_ConnectionDB.RemoveConnectionData(key, info.clientPort);
+        (void)m_EmpInfo.Remove(info.empName);
+        (void)m_ConnectionDB.RemoveConnectionData(key, info.clientPort);
         return true;
     }
     // The entry stays, also without clients, until the EMP reports its stop.
-    m_ConnectionDB.RemoveClientPortFromConnDB(key, info.clientPort);
+    (void)m_ConnectionDB.RemoveClientPortFromConnDB(key, info.clientPort);
     return true;
 }
 
