@@ -1,0 +1,68 @@
+/// What tests may see and set inside the broker.
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "broker/CBroker.h"
+
+namespace vok {
+
+/// Every access takes the lock of what it looks at; nothing is kept.
+struct BrokerProbe {
+    static std::map<std::string, int> MountCounts(CBroker& broker) {
+        const CLock lock{broker.m_mtxMapEmp};
+        return broker.m_mapEmp;
+    }
+    static void SetMountCount(CBroker& broker, const std::string& strImage, int nCount) {
+        const CLock lock{broker.m_mtxMapEmp};
+        broker.m_mapEmp[strImage] = nCount;
+    }
+
+    static TicketMap Tickets(CBroker& broker) {
+        const CLock lock{broker.m_mtxTicket};
+        return broker.m_mapTicket;
+    }
+    static void SetTicket(CBroker& broker, unsigned int nSerial,
+                          const boost::shared_ptr<Ticket>& spTicket) {
+        const CLock lock{broker.m_mtxTicket};
+        broker.m_mapTicket[nSerial] = spTicket;
+    }
+
+    static void SetGroup(CBroker& broker, const std::string& strGroup, const std::string& strPort,
+                         const std::set<std::string>& setEmp) {
+        const CLock lock{broker.m_mtxGroupingEmp};
+        broker.m_mapGroupingEmp[{strGroup, strPort}] = setEmp;
+    }
+    static void ForgetGroups(CBroker& broker) {
+        const CLock lock{broker.m_mtxGroupingEmp};
+        broker.m_mapGroupingEmp.clear();
+    }
+    static void SetLauncher(CBroker& broker, const std::string& strLauncher,
+                            const std::string& strPort, const std::set<std::string>& setEmp) {
+        const CLock lock{broker.m_mtxRegisterEmp};
+        broker.m_mapRegisterEmp[{strLauncher, strPort}] = setEmp;
+    }
+
+    static CEmpInfo& EmpInfo(CBroker& broker) { return broker.m_EmpInfo; }
+    static CConnectionDB& ConnectionDB(CBroker& broker) { return broker.m_ConnectionDB; }
+
+    static bool IsPingTestEnabled(const CBroker& broker) { return broker.m_bEnablePingTest; }
+    static bool IsStopRequested(const CBroker& broker) { return broker.m_bStopRequested; }
+
+    // Steps of the start and the stop.
+    static bool InstallPluginUpdate(CBroker& broker) { return broker.InstallPluginUpdate(); }
+    static double ReadUpdateVersion(CBroker& broker) { return broker.ReadUpdateVersion(); }
+    static bool PreparePlugins(CBroker& broker) { return broker.PreparePlugins(); }
+    static std::string ChoosePluginImage(CBroker& broker, double dUpdate, double dBuiltIn) {
+        return broker.ChoosePluginImage(dUpdate, dBuiltIn);
+    }
+    static bool RaiseReadyFlag(CBroker& broker) { return broker.RaiseReadyFlag(); }
+    static bool LowerReadyFlag(CBroker& broker) { return broker.LowerReadyFlag(); }
+    static void AwaitStop(CBroker& broker) { broker.AwaitStop(); }
+};
+
+}  // namespace vok
