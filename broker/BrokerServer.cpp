@@ -11,6 +11,7 @@
 #include "platform/Log.h"
 #include "platform/ThreadMaker.h"
 #include "rpc/CRpcServer.h"
+#include "rpc/CallOnce.h"
 
 namespace vok {
 
@@ -44,9 +45,6 @@ void* CBroker::BrokerServer(void* pSelf) {
 void CBroker::Serve() {
     using namespace apache::thrift;
     try {
-        // The library takes no message above its bound, but would first make room for a text of up
-        // to 2 GiB that some garbage announces. Containers have no limit, reading is not strict.
-        constexpr int kLongestText = TConfiguration::DEFAULT_MAX_MESSAGE_SIZE;
         const auto pProtocols =
             std::make_shared<protocol::TBinaryProtocolFactory>(kLongestText, 0, false, true);
         // Not owned: the broker outlives its server, which it holds.

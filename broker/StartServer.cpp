@@ -37,21 +37,13 @@ bool IsPortFree() {
 
 /// Asks whoever holds the port for the version. Something else may never answer.
 bool DoesBrokerAnswer() {
-    using namespace apache::thrift;
-    try {
-        const auto pSocket = MakeRpcSocket({kBrokerAddress, kBrokerPort, std::string()});
-        pSocket->setConnTimeout(kBrokerQuestionMs);
-        pSocket->setSendTimeout(kBrokerQuestionMs);
-        pSocket->setRecvTimeout(kBrokerQuestionMs);
-        const auto pTransport = std::make_shared<transport::TBufferedTransport>(pSocket);
-        VokBrokerClient broker{std::make_shared<protocol::TBinaryProtocol>(pTransport)};
-        std::string strVersion;
-        pTransport->open();
-        broker.Execute(strVersion, "", "GetVOKVersion", "", "", "", "");
-        return true;
-    } catch (const TException&) {
-        return false;
-    }
+    std::string strVersion;
+    return CallOnce<VokBrokerClient>(
+        {kBrokerAddress, kBrokerPort, {}, kBrokerQuestionMs},
+        [&](VokBrokerClient& broker) {
+            broker.Execute(strVersion, "", "GetVOKVersion", "", "", "", "");
+        },
+        [](const char*) {});
 }
 
 /// Removes the ready flag when it is older than this start. A broker that starts at the same time

@@ -27,10 +27,10 @@ std::shared_ptr<TSocket> MakeRpcSocket(const RpcAddress& address) {
         pSocket = std::make_shared<CRpcSocket>(address.strHost, address.nPort);
     else
         pSocket = std::make_shared<CRpcSocket>(address.strPath);
-    if (kRpcTimeoutMs > 0) {
-        pSocket->setConnTimeout(kRpcTimeoutMs);
-        pSocket->setSendTimeout(kRpcTimeoutMs);
-        pSocket->setRecvTimeout(kRpcTimeoutMs);
+    if (address.nTimeoutMs > 0) {
+        pSocket->setConnTimeout(address.nTimeoutMs);
+        pSocket->setSendTimeout(address.nTimeoutMs);
+        pSocket->setRecvTimeout(address.nTimeoutMs);
     }
     return pSocket;
 }

@@ -1,6 +1,7 @@
 /// How the broker calls its peers: a fresh connection for every call.
 #pragma once
 
+#include <thrift/TConfiguration.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TSocket.h>
@@ -15,14 +16,19 @@ namespace vok {
 /// Read and write buffer of every outbound connection, in bytes.
 inline constexpr unsigned int kRpcBuffer = 512;
 
+/// The longest text that is read, in bytes. The library takes no longer message, but would first
+/// make room for up to 2 GiB that some garbage announces.
+inline constexpr int kLongestText = apache::thrift::TConfiguration::DEFAULT_MAX_MESSAGE_SIZE;
+
 /// Where a peer serves: a TCP host and port, or a Unix domain socket path.
 struct RpcAddress {
     std::string strHost;
     int nPort = 0;
-    std::string strPath;  // not empty: the path counts, host and port do not
+    std::string strPath;             // not empty: the path counts, host and port do not
+    int nTimeoutMs = kRpcTimeoutMs;  // to connect, to send and to receive; 0: none
 };
 
-/// A socket to `address`, not open yet, with the time-outs of Limits.h. It becomes close-on-exec.
+/// A socket to `address`, not open yet, with its time-outs set. It becomes close-on-exec.
 std::shared_ptr<apache::thrift::transport::TSocket> MakeRpcSocket(const RpcAddress& address);
 
 /// Opens a connection to `address`, runs `call(client)` on it, closes it. `Client` is a generated
@@ -40,7 +46,8 @@ bool CallOnce(const RpcAddress& address, Call&& call, OnError&& onError) {
         const auto pSocket = MakeRpcSocket(address);
         const auto pTransport =
             std::make_shared<TBufferedTransport>(pSocket, kRpcBuffer, kRpcBuffer);
-        Client client{std::make_shared<TBinaryProtocol>(pTransport)};
+        // Containers have no limit; a message without the version word is accepted.
+        Client client{std::make_shared<TBinaryProtocol>(pTransport, kLongestText, 0, false, true)};
 
         pTransport->open();
         call(client);

@@ -47,6 +47,10 @@ struct BrokerProbe {
         broker.m_mapRegisterEmp[{strLauncher, strPort}] = setEmp;
     }
 
+    static LauncherTable Launchers(CBroker& broker) {
+        const CLock lock{broker.m_mtxRegisterEmp};
+        return broker.m_mapRegisterEmp;
+    }
     static CEmpInfo& EmpInfo(CBroker& broker) { return broker.m_EmpInfo; }
     static CConnectionDB& ConnectionDB(CBroker& broker) { return broker.m_ConnectionDB; }
 
