@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <tuple>
 
 #include "broker/CBroker.h"
@@ -46,14 +45,12 @@ bool DoesBrokerAnswer() {
         [](const char*) {});
 }
 
-/// Removes the ready flag when it is older than this start. A broker that starts at the same time
-/// may just have raised its own.
-void RemoveOldFlag(const timespec& now) {
+/// Which ready flag is there: its inode and when that was changed; zeros when there is none.
+using FlagId = std::tuple<ino_t, time_t, long>;
+FlagId IdentifyFlag() {
     struct stat info {};
-    if (::lstat(paths::kReadyFlag, &info) != 0) return;
-    const bool bOlder =
-        std::tie(info.st_ctim.tv_sec, info.st_ctim.tv_nsec) < std::tie(now.tv_sec, now.tv_nsec);
-    if (bOlder) (void)::unlink(paths::kReadyFlag);  // a folder stays, and fails the start
+    if (::lstat(paths::kReadyFlag, &info) != 0) return {};
+    return {info.st_ino, info.st_ctim.tv_sec, info.st_ctim.tv_nsec};
 }
 
 }  // namespace
@@ -79,9 +76,11 @@ bool CBroker::StartServer() {
 /// A crash leaves the flag behind; it must not speak for a broker that is still starting. When
 /// somebody holds the port, the flag may be another broker's.
 void CBroker::RemoveStaleReadyFlag() {
-    timespec now{};
-    (void)::clock_gettime(CLOCK_REALTIME_COARSE, &now);  // the clock that stamps files
-    if (IsPortFree()) RemoveOldFlag(now);
+    // Seen before the port is found free, a flag is nobody's. One that another broker, which starts
+    // at the same time, has raised since is a different one.
+    const FlagId stale = IdentifyFlag();
+    if (stale == FlagId{} || !IsPortFree() || IdentifyFlag() != stale) return;
+    (void)::unlink(paths::kReadyFlag);  // a folder stays, and fails the start
 }
 
 bool CBroker::LaunchServer() {
