@@ -4,18 +4,22 @@
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <thrift/Thrift.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/CUniqueFd.h"
 #include "platform/CVOKDebug.h"
+#include "platform/EmpPaths.h"
 #include "platform/Limits.h"
 #include "tests/support/CBrokerClient.h"
 #include "tests/support/CDaemon.h"
@@ -166,6 +170,46 @@ TEST_F(ListenerTest, EveryDescriptorIsClosedOnExec) {
         ++nLookedAt;
     }
     EXPECT_GE(nLookedAt, 12) << "ten clients, the listener, the log";
+}
+
+TEST_F(ListenerTest, IsNeverAStandardDescriptor) {
+    CDaemon::Options options;
+    options.bCloseStandard = true;
+    ASSERT_TRUE(m_Daemon.Start(options)) << m_Daemon.Log();
+    for (const char* szFd : {"0", "1", "2"}) {
+        const auto link = std::filesystem::read_symlink("/proc/" + std::to_string(m_Daemon.Pid()) +
+                                                        "/fd/" + szFd);
+        EXPECT_EQ(link, "/dev/null") << szFd;
+    }
+}
+
+/// The pairs of local sockets by which the RPC library interrupts itself, as ours.
+std::vector<CUniqueFd> BorrowInterrupts(pid_t nProcess, const std::vector<int>& descriptors) {
+    const CUniqueFd process{static_cast<int>(::syscall(SYS_pidfd_open, nProcess, 0))};
+    std::vector<CUniqueFd> borrowed;
+    for (const int nFd : descriptors) {
+        CUniqueFd copy{static_cast<int>(::syscall(SYS_pidfd_getfd, process.Get(), nFd, 0))};
+        int nDomain = 0;
+        socklen_t nSize = sizeof nDomain;
+        if (::getsockopt(copy.Get(), SOL_SOCKET, SO_DOMAIN, &nDomain, &nSize) == 0 &&
+            nDomain == AF_UNIX)
+            borrowed.push_back(std::move(copy));
+    }
+    return borrowed;
+}
+
+TEST_F(ListenerTest, TakesTheBrokerAlongWhenItEndsUnasked) {
+    ASSERT_NO_FATAL_FAILURE(Start());
+    const auto interrupts = BorrowInterrupts(m_Daemon.Pid(), m_Daemon.OpenDescriptors());
+    ASSERT_FALSE(interrupts.empty());
+
+    for (const CUniqueFd& fd : interrupts) (void)::send(fd.Get(), "x", 1, MSG_NOSIGNAL);
+
+    EXPECT_EQ(m_Daemon.AwaitEnd(), 1) << m_Daemon.Log();
+    EXPECT_TRUE(m_Daemon.HasLine(LEVEL_ERROR, "BrokerServer",
+                                 "The server has ended unasked, and the broker with it."))
+        << m_Daemon.Log();
+    EXPECT_FALSE(std::filesystem::exists(paths::kReadyFlag)) << "it must not look ready";
 }
 
 TEST_F(ListenerTest, SurvivesClientsThatGoBeforeTheAnswer) {

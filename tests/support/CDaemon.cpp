@@ -66,6 +66,7 @@ public:
           m_strOutputFile(strOutputFile),
           m_Limits(options.limits.begin(), options.limits.end()),
           m_Descriptors(options.descriptors),
+          m_bCloseStandard(options.bCloseStandard),
           m_nUser(options.nUser),
           m_Program(::open(m_strProgram.c_str(), O_RDONLY | O_CLOEXEC)) {
         auto environment = options.environment;
@@ -104,6 +105,7 @@ private:
             if (::dup2(0, nFd) < 0) ::_exit(126);
         for (const auto& [nLimit, limit] : m_Limits)
             if (::setrlimit(static_cast<__rlimit_resource_t>(nLimit), &limit) != 0) ::_exit(126);
+        if (m_bCloseStandard) (void)::syscall(SYS_close_range, 0U, 2U, 0U);
         char* const arguments[] = {m_strProgram.data(), nullptr};
         if (m_nUser != 0) {
             if (::setgid(m_nUser) != 0 || ::setuid(m_nUser) != 0) ::_exit(126);
@@ -118,6 +120,7 @@ private:
     const std::string m_strOutputFile;
     const std::vector<std::pair<int, rlimit>> m_Limits;
     const std::vector<int> m_Descriptors;
+    const bool m_bCloseStandard;
     const uid_t m_nUser;
     const CUniqueFd m_Program;
     std::vector<std::string> m_Environment;

@@ -50,6 +50,8 @@ public:
         std::map<std::string, std::optional<std::string>> environment;
         /// RLIMIT_... to what it shall be.
         std::map<int, rlimit> limits;
+        /// Started without standard input, output and error.
+        bool bCloseStandard = false;
         /// Open from the start, without close-on-exec: to /dev/null.
         std::vector<int> descriptors;
         int nLogLevel = 4;

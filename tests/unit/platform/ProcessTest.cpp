@@ -121,6 +121,16 @@ TEST(SignalProcess, RefusesWhatIsNobodyElsesProcess) {
     }
 }
 
+TEST(SignalProcess, RefusesAThreadOfTheCaller) {
+    // A signal to a thread's id reaches the whole process: this one.
+    std::thread thread{[] {
+        const auto nThread = static_cast<pid_t>(::syscall(SYS_gettid));
+        ASSERT_NE(nThread, ::getpid());
+        EXPECT_FALSE(SignalProcess(IdentifyProcess(nThread), SIGTERM));
+    }};
+    thread.join();
+}
+
 TEST(SignalProcess, KnowsThatAZombieHasEnded) {
     CSleeper sleeper;
     const ProcessId process = IdentifyProcess(sleeper.Pid());

@@ -68,6 +68,10 @@ TEST(CreateThread, FailsForAStackThatCannotBe) {
     EXPECT_FALSE(ThreadMaker::CreateThread("name", &Look, nullptr, 1, true));
 }
 
+TEST(CreateThread, FailsWithoutARoutine) {
+    EXPECT_FALSE(ThreadMaker::CreateThread("name", nullptr, nullptr, kThreadStack, true));
+}
+
 TEST(NameThisThread, KeepsFifteenCharacters) {
     EXPECT_STREQ(LookInNewThread().szName, "VOK-B-LongerTha");
 }
