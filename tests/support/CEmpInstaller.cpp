@@ -17,6 +17,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/CPrivateWorld.h"
+
 extern char** environ;
 
 namespace vok::test {
@@ -144,7 +146,7 @@ std::string CEmpInstaller::MountPoint(const std::string& strEmp) {
 }
 
 std::string CEmpInstaller::BuiltProgram(const std::string& strProgram) {
-    return fs::read_symlink("/proc/self/exe").parent_path() / strProgram;
+    return CPrivateWorld::ProgramFolder() / strProgram;
 }
 
 std::vector<int> ProcessesOf(const std::string& strProgram) {

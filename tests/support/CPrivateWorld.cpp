@@ -30,6 +30,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
+/// Where this program is. Asked before the namespaces are entered: afterwards /proc tells a path of
+/// the former one, which in a chroot is another.
+fs::path s_ProgramFolder;
+
 /// Without root, only the user namespace makes us root, and that root may not set up loop devices.
 bool s_bOwnUsers = false;
 
@@ -67,8 +71,7 @@ struct KeptFolder {
 };
 
 std::vector<KeptFolder> OpenKeptFolders() {
-    std::vector<fs::path> paths = {fs::read_symlink("/proc/self/exe").parent_path(),
-                                   fs::current_path()};
+    std::vector<fs::path> paths = {s_ProgramFolder, fs::current_path()};
     if (const char* const szDaemon = std::getenv("VOK_BROKER_UNDER_TEST")) {
         paths.push_back(fs::absolute(szDaemon).parent_path());
     }
@@ -91,7 +94,8 @@ void ShowKeptFolder(const KeptFolder& folder) {
 }
 
 void CoverFileSystem() {
-    Check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
+    Check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+          "making mounts private (the root of a chroot must be a mount point)");
     MountFresh("proc", "/proc");
     const fs::path workingFolder = fs::current_path();
     const std::vector<KeptFolder> kept = OpenKeptFolders();
@@ -136,6 +140,7 @@ int RunInside(const std::function<int()>& run) {
 
 int CPrivateWorld::Run(const std::function<int()>& run) {
     try {
+        s_ProgramFolder = fs::read_symlink("/proc/self/exe").parent_path();
         EnterNamespaces();
     } catch (const std::exception& reason) {
         return Skip(reason);
@@ -153,6 +158,10 @@ int CPrivateWorld::Run(const std::function<int()>& run) {
     // Without exit handlers: with its world, this process has lost the right to make processes,
     // which a leak check at exit needs.
     ::_exit(WIFSIGNALED(nStatus) ? 128 + WTERMSIG(nStatus) : WEXITSTATUS(nStatus));
+}
+
+std::filesystem::path CPrivateWorld::ProgramFolder() {
+    return s_ProgramFolder;
 }
 
 int CPrivateWorld::ReapOrphans() {

@@ -1,6 +1,7 @@
 /// A world of its own for a test binary.
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -20,6 +21,9 @@ public:
     /// 128 + n when signal n ended it. Returns only when there can be no world: kSkipped, with the
     /// reason on stderr. To be called before any thread exists.
     static int Run(const std::function<int()>& run);
+
+    /// The folder of the test's program, where the other programs of the build are, too.
+    static std::filesystem::path ProgramFolder();
 
     /// Waits, as pid 1 has to, for every child that has ended by now, also for orphans of processes
     /// that tests have started. The number of them. Never takes a child that still runs.
