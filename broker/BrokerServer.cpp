@@ -30,6 +30,20 @@ private:
     const std::function<void()> m_OnListening;
 };
 
+/// Tells when the accepting has ended: the server itself waits for every client first.
+class CBrokerSocket : public CRpcServerSocket {
+public:
+    explicit CBrokerSocket(std::function<void()> onClosed)
+        : CRpcServerSocket(kBrokerAddress, kBrokerPort), m_OnClosed(std::move(onClosed)) {}
+    void close() override {
+        CRpcServerSocket::close();
+        m_OnClosed();
+    }
+
+private:
+    const std::function<void()> m_OnClosed;
+};
+
 }  // namespace
 
 void* CBroker::BrokerServer(void* pSelf) {
@@ -53,7 +67,7 @@ void CBroker::Serve() {
         SERVER_LOG(LEVEL_DETAIL, "Broker Server Type:[TCP].");
 
         const auto pServer = std::make_shared<CRpcServer>(
-            pProcessor, std::make_shared<CRpcServerSocket>(kBrokerAddress, kBrokerPort),
+            pProcessor, std::make_shared<CBrokerSocket>([this] { OnServerCloses(); }),
             std::make_shared<transport::TBufferedTransportFactory>(), pProtocols);
         pServer->setServerEventHandler(
             std::make_shared<CListenEvent>([this] { OnServerListens(); }));
@@ -74,14 +88,19 @@ void CBroker::OnServerListens() {
     if (m_bStopRequested) StopServer();
 }
 
+/// A broker that nobody reaches must not look ready.
+void CBroker::OnServerCloses() {
+    if (m_eServerState != SERVER_LISTENING || m_bStopRequested) return;
+    SERVER_LOG(LEVEL_ERROR, "The server has ended unasked, and the broker with it.");
+    RequestStop();
+}
+
 void CBroker::OnServerEnds() {
     if (m_eServerState == SERVER_STARTING) {
         m_eServerState = SERVER_FAILED;
         (void)m_ServerStarted.NotifyOne();
-    } else if (!m_bStopRequested) {
-        SERVER_LOG(LEVEL_ERROR, "The server has ended unasked, and the broker with it.");
-        RequestStop();  // a broker that nobody reaches must not look ready
     }
+    OnServerCloses();
     (void)m_ServerEnded.NotifyOne();
 }
 

@@ -213,6 +213,7 @@ private:
     void Serve();
     void StopServer();
     void OnServerListens();
+    void OnServerCloses();
     void OnServerEnds();
 
     // Construction.

@@ -117,7 +117,7 @@ bool CBroker::RaiseReadyFlag() {
     if (!m_Platform.pFiles->CreateEmpty(paths::kReadyFlag)) {
         VOK_LOG_AS("CreateFile", LEVEL_ERROR, "Create [%s] failed.", paths::kReadyFlag);
         START_LOG(LEVEL_ERROR, "Failed to generate ready flag for [Broker-Server].");
-        StopServer();
+        Destory();
         return false;
     }
     START_LOG(LEVEL_TRACE, "Succeed to start [Broker-Server].");

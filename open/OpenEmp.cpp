@@ -55,6 +55,8 @@ private:
 
     void Refuse();
     void Undo(const std::string& strReason);
+    template <typename Step>
+    void Attempt(Step&& step);
     void LowerMountCount();
     bool UnmountImage();
     void FinishTicket();
@@ -399,22 +401,32 @@ void COpenOperation::Refuse() {
     m_Broker.m_mapTicket.erase(m_spTicket->GetSerial());
 }
 
-void COpenOperation::Undo(const std::string& strReason) {
-    OPEN_LOG(LEVEL_ERROR, "[Fail] Open emp:[%s], Prepare exception handling.", m_strEmp.c_str());
+/// One step of the undo, which must not keep the others from being made.
+template <typename Step>
+void COpenOperation::Attempt(Step&& step) {
     try {
-        m_Broker.ReportLogToServer(m_strEmp, m_strVersion, m_strAppInfo);
-        OPEN_LOG(LEVEL_ERROR, "[Completed] Report for %s to Log Server.", m_strEmp.c_str());
-        LowerMountCount();
+        step();
     } catch (...) {
-        // The records must go all the same: one that stayed would block the EMP for ever.
         OPEN_LOG(LEVEL_ERROR, "The undo of opening EMP:[%s] is incomplete.", m_strEmp.c_str());
     }
+}
+
+void COpenOperation::Undo(const std::string& strReason) {
+    OPEN_LOG(LEVEL_ERROR, "[Fail] Open emp:[%s], Prepare exception handling.", m_strEmp.c_str());
+    // Each step for itself, and the records in any case: one that stayed would block the EMP for
+    // ever.
+    Attempt([this] {
+        m_Broker.ReportLogToServer(m_strEmp, m_strVersion, m_strAppInfo);
+        OPEN_LOG(LEVEL_ERROR, "[Completed] Report for %s to Log Server.", m_strEmp.c_str());
+    });
+    Attempt([this] { LowerMountCount(); });
 
     const CLock lock{m_Broker.m_mtxTicket};
     m_Broker.m_mapTicket.erase(m_spTicket->GetSerial());
     CBroker::SetInvalidConnectionInfo(m_Result);
-    // At once, without a "closed" in between: another open may be waiting for a change.
-    if (m_bIsNew)
+    // At once, without a "closed" in between: another open may be waiting for a change. A record
+    // that has gone already is logged as missing.
+    if (m_bIsNew && m_Broker.m_EmpInfo.IsAdded(m_strEmp))
         (void)m_Broker.m_EmpInfo.Remove(m_strEmp);
     else
         (void)m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_CLOSED);

@@ -30,8 +30,8 @@ inline constexpr std::chrono::milliseconds kLoopbackPause{100};
 inline constexpr int kServerTries = 255;
 inline constexpr std::chrono::milliseconds kServerPause{100};
 
-/// How long a broker that finds its port taken waits for the other one's answer.
-inline constexpr int kBrokerQuestionMs = 1000;
+/// How long a broker that finds its port taken waits for the other one's answer. That one may be busy.
+inline constexpr int kBrokerQuestionMs = 5000;
 
 /// How long accepting pauses when descriptors or memory are short.
 inline constexpr std::chrono::milliseconds kAcceptPause{20};

@@ -61,7 +61,7 @@ bool HasEnded(const ProcessStat& stat) {
     return stat.nStartTime == 0 || (bDead && stat.nThreads <= 1);
 }
 
-/// All zero for garbage.
+/// One that has ended, for garbage.
 ProcessStat ParseStat(std::string_view strStat) {
     // The second field is the program's name in parentheses; blanks and parentheses in it are not
     // escaped. The third is the state, the 4th the parent, the 20th how many threads there are, the
@@ -255,17 +255,18 @@ bool SignalProcess(const ProcessId& process, int nSignal) {
 bool AwaitProcessEnd(const ProcessId& process, std::chrono::milliseconds wait) {
     const Clock::time_point deadline = Clock::now() + wait;
     const CUniqueFd pidFd = OpenPidFd(process.nPid);
-    while (LifeOf(process) != eLife::Ended) {
+    for (;;) {
+        const eLife life = LifeOf(process);
+        if (life == eLife::Ended) return true;
         const int nLeft = MillisecondsUntil(deadline);
         if (nLeft == 0) return false;
-        if (pidFd.IsOpen()) {
+        if (pidFd.IsOpen() && life == eLife::Running) {
             pollfd poll{pidFd.Get(), POLLIN, 0};
             (void)::poll(&poll, 1, nLeft);  // however it ends, the loop looks again
         } else {
             std::this_thread::sleep_for(std::min(kEndPoll, std::chrono::milliseconds(nLeft)));
         }
     }
-    return true;
 }
 
 ForkResult ForkAndExec(const ExecRequest& request) {

@@ -146,6 +146,7 @@ void CRpcServer::serve() {
         try {
             return TThreadedServer::serve();
         } catch (const std::bad_alloc&) {
+            if (!IsListening(getServerTransport()->getSocketFD())) throw;
             // One client's share of memory was missing: it is dropped, and the accepting goes on.
             VOK_CLASS_LOG_AS("CRpcServer", "serve", LEVEL_ERROR, "No memory for a client.");
             std::this_thread::sleep_for(kAcceptPause);

@@ -311,6 +311,8 @@ TEST(Life, EndsWhenTheFlagCannotBeMade) {
     EXPECT_TRUE(daemon.HasLine(LEVEL_ERROR, "StartServer",
                                "Failed to generate ready flag for [Broker-Server]."));
     EXPECT_FALSE(daemon.HasLine(LEVEL_TRACE, "StartServer", "Succeed to start [Broker-Server]."));
+    EXPECT_FALSE(daemon.HasLine(LEVEL_ERROR, "BrokerServer",
+                                "The server has ended unasked, and the broker with it."));
     EXPECT_TRUE(fs::is_directory(paths::kReadyFlag));
 }
 
