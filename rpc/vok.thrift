@@ -10,7 +10,7 @@ namespace py vokrpc
 struct ConnectionInfo {
   1: string empName
   2: string clientPort  // port or socket path of the client's callback server
-  3: string empPort     // port or socket path of the EMP's server; "-1": the open failed
+  3: string empPort     // port or socket path of the EMP's server; "-1" or empty: the open failed
   4: i32 serial         // of the start ticket that served the open
   5: string ip          // address of the EMP's server
 }
