@@ -19,7 +19,7 @@ namespace vok {
 
 namespace {
 
-constexpr std::size_t kCopyBuffer = 256 * 1024;
+constexpr std::size_t kCopyBuffer = std::size_t{256} * 1024;
 
 std::string FolderOf(const std::string& strPath) {
     const std::string strFolder = std::filesystem::path(strPath).parent_path().string();

@@ -17,7 +17,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <new>
 #include <string_view>
 #include <thread>
@@ -25,6 +24,7 @@
 
 #include "platform/CUniqueFd.h"
 #include "platform/Descriptors.h"
+#include "platform/Number.h"
 #include "platform/ScopeGuard.h"
 
 // Headers older than these calls; the numbers are the same on every architecture.
@@ -163,7 +163,7 @@ static_assert(std::is_trivially_destructible_v<ChildPlan>);
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<pid_t>::is_always_lock_free);
 
 /// Of one mapping: the plan at its start, the child's stack at its end.
-constexpr std::size_t kChildMemory = 64 * 1024;
+constexpr std::size_t kChildMemory = std::size_t{64} * 1024;
 
 #if defined(__SANITIZE_THREAD__)
 #define VOK_THREAD_SANITIZER 1
@@ -195,7 +195,7 @@ int HighestFd() {
     const ScopeGuard closeFolder{[&] { (void)::closedir(pFolder); }};
     int nHighest = 2;
     while (const dirent* pEntry = ::readdir(pFolder)) {
-        nHighest = std::max(nHighest, std::atoi(pEntry->d_name));  // 0 for "." and ".."
+        nHighest = std::max(nHighest, LeadingNumber(pEntry->d_name));  // 0 for "." and ".."
     }
     return nHighest;
 }
