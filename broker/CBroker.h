@@ -203,7 +203,6 @@ public:
 private:
     friend class COpenOperation;
     friend class CCommand;
-    friend class CBrokerServer;
     friend struct BrokerProbe;  // tests look into the tables
 
     /// What the thread of the RPC server has told so far.
