@@ -19,6 +19,17 @@ inline constexpr char kPluginProbe[] = "/opt/down/pepper/webapis";
 /// Where a download puts the plug-in set's update.
 inline constexpr char kPluginDownload[] = "/opt/down/appbinarymanager/default/empPepperPlugins.img";
 
+/// What the broker calls itself when it pings an EMP. Nothing serves there.
+inline constexpr char kBrokerSocket[] = "/tmp/domain-socket-broker";
+
+/// Where those who look after the set reach the broker.
+inline constexpr char kAdminFolder[] = "/run/vok-broker";
+inline constexpr char kAdminSocket[] = "/run/vok-broker/admin.sock";
+
+/// Fault reports: whether and where they go, and what the kernel knows about the fault.
+inline constexpr char kLogPolicy[] = "/opt/down/common/LogPolicyConfig.xml";
+inline constexpr char kFaultInfo[] = "/proc/kpi_fault_info_3rd";
+
 /// What EMPs find in their environment beside the library path.
 inline constexpr char kGstRegistry[] = "GST_REGISTRY=/home/app/.gstreamer-0.10/registry.bin";
 inline constexpr char kGstRegistry1[] = "GST_REGISTRY_1_0=/home/app/.gstreamer-1.0/registry.bin";

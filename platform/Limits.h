@@ -30,7 +30,8 @@ inline constexpr std::chrono::milliseconds kLoopbackPause{100};
 inline constexpr int kServerTries = 255;
 inline constexpr std::chrono::milliseconds kServerPause{100};
 
-/// How long a broker that finds its port taken waits for the other one's answer. That one may be busy.
+/// How long a broker that finds its port taken waits for the other one's answer. That one may be
+/// busy.
 inline constexpr int kBrokerQuestionMs = 5000;
 
 /// How long accepting pauses when descriptors or memory are short.
@@ -67,6 +68,20 @@ inline constexpr std::chrono::milliseconds kEmpExitWait{2000};
 inline constexpr int kLastEmpPing = 20;  // the first one is numbered 2
 inline constexpr int kEmpPingDiagnosis = 10;
 inline constexpr std::chrono::milliseconds kEmpPingPause{10};
+
+/// Pinging EMPs: the pause before each round, and how many failed pings in a row an EMP is allowed
+/// before its clients are told.
+inline constexpr std::chrono::seconds kPingPause{5};
+inline constexpr int EMP_MAX_PENDING_COUNT = 3;
+
+/// What a failed open leaves to its fault report for a head start.
+inline constexpr std::chrono::milliseconds kFaultReportHeadStart{100};
+
+/// Clients of the admin service at once.
+inline constexpr int kMaxAdminClients = 16;
+
+/// The most that is read of a configuration file or of fault information, in bytes.
+inline constexpr std::size_t kMaxTextFile = 0x100000;
 
 /// The pool of `CSocketPorts`.
 inline constexpr int kFirstPoolPort = 50100;

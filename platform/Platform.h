@@ -2,9 +2,14 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "platform/CLogger.h"
+#include "platform/CVokCondition.h"
+#include "platform/NodeAttributes.h"
 #include "platform/Process.h"
 
 namespace vok {
@@ -31,6 +36,10 @@ struct IFiles {
     /// The first line of a file without its line feed, at most `nMost` bytes of it; none when it
     /// cannot be opened. Never waits, whatever kind of file it is.
     virtual std::optional<std::string> FirstLine(const char* szPath, std::size_t nMost) = 0;
+    /// See TextFile.h.
+    virtual std::optional<std::string> ReadText(const char* szPath, std::size_t nMost) = 0;
+    /// The names in a folder, "." and ".." excepted, in byte order; none when it cannot be read.
+    virtual std::vector<std::string> List(const char* szPath) = 0;
     /// See Move.h.
     virtual bool Move(const std::string& strFrom, const std::string& strTo) = 0;
     /// Makes an empty file, or empties it; never follows a link.
@@ -51,6 +60,21 @@ struct IProcesses {
 struct IClock {
     virtual ~IClock() = default;
     virtual void Sleep(std::chrono::microseconds time) = 0;
+    /// Sleeps until `condition` is notified, at most for `time`; true when it was. The caller has
+    /// announced itself as its waiter.
+    virtual bool SleepUnlessNotified(CVokCondition& condition, std::chrono::milliseconds time) = 0;
+};
+
+/// What fault reports need of the platform. Implementations are thread-safe.
+struct IKpi {
+    virtual ~IKpi() = default;
+    /// See NodeAttributes.h.
+    virtual bool ParseNodeAttrFromXml(const std::string& strFile, const std::string& strNode,
+                                      NodeAttributes& attributes) = 0;
+    /// See SystemInfo.h.
+    virtual int GetSystemInfo(const char* szKey, std::string& strValue) = 0;
+    /// Null on failure.
+    virtual std::unique_ptr<CLogger> CreateLogger() = 0;
 };
 
 /// Not owned: whoever makes a broker keeps these alive longer.
@@ -59,6 +83,7 @@ struct Platform {
     IFiles* pFiles;
     IProcesses* pProcesses;
     IClock* pClock;
+    IKpi* pKpi;
 };
 
 /// The real system. Lives for ever, so that threads may use it while the process ends.

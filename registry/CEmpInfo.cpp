@@ -120,6 +120,13 @@ ProcessId CEmpInfo::GetEmpProcess(const std::string& strName) {
     return pInfo ? pInfo->GetEmpProcess() : ProcessId{};
 }
 
+std::map<std::string, CEmpDataInfo> CEmpInfo::GetEmpInfo() {
+    const CLock lock{m_mtxInfo};
+    std::map<std::string, CEmpDataInfo> mapInfo;
+    for (const auto& [strName, spRecord] : m_mapInfo) mapInfo.emplace(strName, *spRecord);
+    return mapInfo;
+}
+
 std::string CEmpInfo::GetTypeVersion(std::string) {
     const CLock lock{m_mtxInfo};
     return {};

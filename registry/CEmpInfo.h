@@ -93,6 +93,9 @@ public:
     /// Pid and start time are 0 when the EMP is not known.
     ProcessId GetEmpProcess(const std::string& strName);
 
+    /// A copy of every record.
+    std::map<std::string, CEmpDataInfo> GetEmpInfo();
+
     /// No versions are kept: always empty, and true without storing anything.
     std::string GetTypeVersion(std::string strName);
     bool SetTypeVersion(std::string strName, std::string strVersion);

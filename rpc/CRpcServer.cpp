@@ -95,6 +95,8 @@ bool IsListening(int nFd) {
 CRpcServerSocket::CRpcServerSocket(const std::string& strAddress, int nPort)
     : TServerSocket(strAddress, nPort) {}
 
+CRpcServerSocket::CRpcServerSocket(const std::string& strPath) : TServerSocket(strPath) {}
+
 void CRpcServerSocket::listen() {
     if (IsListening(getSocketFD())) return;  // serving begins anew: see CRpcServer::serve
     const std::set<int> setBefore = InheritableDescriptors();

@@ -9,12 +9,14 @@
 
 namespace vok {
 
-/// A listening socket on a TCP address and port. What only concerns one client (it has gone again,
-/// descriptors or memory are short for a moment) never ends the accepting, as it would in the
-/// library. Its descriptors are close-on-exec.
+/// A listening socket, on a TCP address and port or on a Unix domain socket path. What only
+/// concerns one client (it has gone again, descriptors or memory are short for a moment) never ends
+/// the accepting, as it would in the library. Its descriptors are close-on-exec.
 class CRpcServerSocket : public apache::thrift::transport::TServerSocket {
 public:
     CRpcServerSocket(const std::string& strAddress, int nPort);
+    /// The path must be free; it is not removed at the end.
+    explicit CRpcServerSocket(const std::string& strPath);
 
     void listen() override;
 

@@ -1,21 +1,40 @@
 #include "rpc/CallOnce.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include "platform/Descriptors.h"
 
 namespace vok {
 
 using apache::thrift::transport::TSocket;
+using apache::thrift::transport::TTransportException;
 
 namespace {
 
-/// Close-on-exec as soon as there is a descriptor; the library opens it without.
+/// True when both ends of a TCP connection are one socket.
+bool IsConnectedToItself(int nFd) {
+    sockaddr_in own{};
+    sockaddr_in peer{};
+    socklen_t nOwn = sizeof own;
+    socklen_t nPeer = sizeof peer;
+    return ::getsockname(nFd, reinterpret_cast<sockaddr*>(&own), &nOwn) == 0 &&
+           ::getpeername(nFd, reinterpret_cast<sockaddr*>(&peer), &nPeer) == 0 &&
+           own.sin_family == AF_INET && own.sin_port == peer.sin_port &&
+           own.sin_addr.s_addr == peer.sin_addr.s_addr;
+}
+
 class CRpcSocket : public TSocket {
 public:
     using TSocket::TSocket;
 
     void open() override {
         TSocket::open();
-        SetCloseOnExec(static_cast<int>(getSocketFD()));
+        const int nFd = static_cast<int>(getSocketFD());
+        SetCloseOnExec(nFd);  // the library opens it without
+        if (!IsConnectedToItself(nFd)) return;
+        close();
+        throw TTransportException(TTransportException::NOT_OPEN, "connected to itself");
     }
 };
 

@@ -29,6 +29,9 @@ struct RpcAddress {
 };
 
 /// A socket to `address`, not open yet, with its time-outs set. It becomes close-on-exec.
+///
+/// Opening it fails when it reached itself: a connect to a local port that nobody serves may be
+/// given that very port as its own (the port lies in the kernel's range of ephemeral ones).
 std::shared_ptr<apache::thrift::transport::TSocket> MakeRpcSocket(const RpcAddress& address);
 
 /// Opens a connection to `address`, runs `call(client)` on it, closes it. `Client` is a generated

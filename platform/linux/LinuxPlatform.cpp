@@ -6,12 +6,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <limits>
 
 #include "platform/CUniqueFd.h"
 #include "platform/Mount.h"
 #include "platform/Move.h"
 #include "platform/Platform.h"
+#include "platform/SystemInfo.h"
+#include "platform/TextFile.h"
 
 namespace vok {
 
@@ -26,11 +29,6 @@ public:
     bool IsImgMounted(const std::string& strEmp) override { return vok::IsImgMounted(strEmp); }
 };
 
-/// Neither a FIFO nor a terminal makes us wait, and no terminal becomes ours.
-CUniqueFd OpenForReading(const char* szPath) {
-    return CUniqueFd{::open(szPath, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY)};
-}
-
 class CLinuxFiles : public IFiles {
 public:
     bool Exists(const char* szPath) override {
@@ -41,7 +39,7 @@ public:
     bool IsAccessible(const char* szPath) override { return ::access(szPath, F_OK) == 0; }
 
     std::optional<long> SizeOf(const char* szPath) override {
-        const CUniqueFd fd = OpenForReading(szPath);
+        const CUniqueFd fd{::open(szPath, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY)};
         struct stat info {};
         if (!fd.IsOpen() || ::fstat(fd.Get(), &info) != 0) return std::nullopt;
         constexpr off_t kMost = std::numeric_limits<long>::max();
@@ -49,18 +47,25 @@ public:
     }
 
     std::optional<std::string> FirstLine(const char* szPath, std::size_t nMost) override {
-        const CUniqueFd fd = OpenForReading(szPath);
-        if (!fd.IsOpen()) return std::nullopt;
-        std::string strLine(nMost, '\0');
-        std::size_t nLength = 0;
-        while (nLength < nMost) {
-            const ssize_t nRead = ::read(fd.Get(), &strLine[nLength], nMost - nLength);
-            if (nRead < 0 && errno == EINTR) continue;
-            if (nRead <= 0) break;  // the end, nothing to read yet, or a folder
-            nLength += static_cast<std::size_t>(nRead);
-        }
-        strLine.resize(nLength);
-        return strLine.substr(0, strLine.find('\n'));
+        const auto strText = ReadTextFile(szPath, nMost);
+        if (!strText) return std::nullopt;
+        return strText->substr(0, strText->find('\n'));
+    }
+
+    std::optional<std::string> ReadText(const char* szPath, std::size_t nMost) override {
+        return ReadTextFile(szPath, nMost);
+    }
+
+    std::vector<std::string> List(const char* szPath) override {
+        namespace fs = std::filesystem;
+        std::vector<std::string> names;
+        std::error_code error;
+        // A folder that ends to be readable on the way gives what was read.
+        for (fs::directory_iterator it{szPath, error}; it != fs::directory_iterator{};
+             it.increment(error))
+            names.push_back(it->path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
     }
 
     bool Move(const std::string& strFrom, const std::string& strTo) override {
@@ -100,13 +105,29 @@ public:
         left.tv_nsec = static_cast<long>((time - seconds).count()) * 1000;
         while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) continue;
     }
+
+    bool SleepUnlessNotified(CVokCondition& condition, std::chrono::milliseconds time) override {
+        return condition.Wait(static_cast<int>(time.count())) == 0;
+    }
+};
+
+class CLinuxKpi : public IKpi {
+public:
+    bool ParseNodeAttrFromXml(const std::string& strFile, const std::string& strNode,
+                              NodeAttributes& attributes) override {
+        return vok::ParseNodeAttrFromXml(strFile, strNode, attributes);
+    }
+    int GetSystemInfo(const char* szKey, std::string& strValue) override {
+        return vok::GetSystemInfo(szKey, strValue);
+    }
+    std::unique_ptr<CLogger> CreateLogger() override { return CLogger::Create(nullptr); }
 };
 
 }  // namespace
 
 Platform LinuxPlatform() {
-    static Platform& platform =
-        *new Platform{new CLinuxMounter, new CLinuxFiles, new CLinuxProcesses, new CLinuxClock};
+    static Platform& platform = *new Platform{new CLinuxMounter, new CLinuxFiles,
+                                              new CLinuxProcesses, new CLinuxClock, new CLinuxKpi};
     return platform;
 }
 

@@ -96,6 +96,25 @@ std::optional<std::string> CFakeFiles::FirstLine(const char* szPath, std::size_t
     return pContent->substr(0, pContent->find('\n')).substr(0, nMost);
 }
 
+std::optional<std::string> CFakeFiles::ReadText(const char* szPath, std::size_t nMost) {
+    const Guard lock{m_Mutex};
+    const std::string* const pContent = Find(szPath);
+    if (pContent == nullptr) return std::nullopt;
+    return pContent->substr(0, nMost);
+}
+
+std::vector<std::string> CFakeFiles::List(const char* szPath) {
+    const Guard lock{m_Mutex};
+    const std::string strFolder = std::string(szPath) + '/';
+    std::set<std::string> setName;
+    for (const auto& [strPath, strContent] : m_mapContent) {
+        if (strPath.rfind(strFolder, 0) != 0) continue;
+        const std::size_t nStart = strFolder.size();
+        setName.insert(strPath.substr(nStart, strPath.find('/', nStart) - nStart));
+    }
+    return {setName.begin(), setName.end()};
+}
+
 bool CFakeFiles::Move(const std::string& strFrom, const std::string& strTo) {
     const Guard lock{m_Mutex};
     m_Calls.push_back("Move " + strFrom + ' ' + strTo);
@@ -293,9 +312,99 @@ void CFakeClock::Sleep(std::chrono::microseconds time) {
     if (m_OnSleep) m_OnSleep(nSleep);
 }
 
+bool CFakeClock::SleepUnlessNotified(CVokCondition& condition, std::chrono::milliseconds time) {
+    Sleep(time);
+    return condition.Wait(1) == 0;
+}
+
 std::vector<std::chrono::microseconds> CFakeClock::Sleeps() const {
     const Guard lock{m_Mutex};
     return m_Sleeps;
+}
+
+// ---- CFakeKpi ----
+
+class CFakeKpi::CFakeLogger : public CLogger {
+public:
+    explicit CFakeLogger(CFakeKpi& kpi) : m_Kpi(kpi) {}
+    ~CFakeLogger() override { (void)m_Kpi.Record("Destroy", ""); }
+
+    bool SetServiceConf(const std::string& strService, int nQueueMax, int nExpiration,
+                        int nReserved, int nLogLevel, const std::string& strUrl) override {
+        return m_Kpi.Record("SetServiceConf", ' ' + strService + '|' + std::to_string(nQueueMax) +
+                                                  '|' + std::to_string(nExpiration) + '|' +
+                                                  std::to_string(nReserved) + '|' +
+                                                  std::to_string(nLogLevel) + '|' + strUrl);
+    }
+    bool AddEvent(const std::string& strCategory, int nQueueMax, int nExpiration, int nReserved,
+                  int nLogLevel) override {
+        return m_Kpi.Record("AddEvent", ' ' + strCategory + '|' + std::to_string(nQueueMax) + '|' +
+                                            std::to_string(nExpiration) + '|' +
+                                            std::to_string(nReserved) + '|' +
+                                            std::to_string(nLogLevel));
+    }
+    bool SetEventHeader(const KpiEventHeader& header) override {
+        return m_Kpi.Record("SetEventHeader", ' ' + header.strDescription + '|' +
+                                                  header.strErrType + '|' + header.strEmp + '|' +
+                                                  header.strBrokerVersion);
+    }
+    bool AddEventLog(const std::string& strEventId, const std::string& strDescription,
+                     const std::string& strModel) override {
+        return m_Kpi.Record("AddEventLog",
+                            ' ' + strEventId + '|' + strDescription + '|' + strModel);
+    }
+    bool Flush() override { return m_Kpi.Record("Flush", ""); }
+
+private:
+    CFakeKpi& m_Kpi;
+};
+
+bool CFakeKpi::ParseNodeAttrFromXml(const std::string& strFile, const std::string& strNode,
+                                    NodeAttributes& attributes) {
+    const Guard lock{m_Mutex};
+    const auto it = m_mapPolicy.find({strFile, strNode});
+    if (it == m_mapPolicy.end()) return false;
+    attributes = it->second;
+    return true;
+}
+
+int CFakeKpi::GetSystemInfo(const char*, std::string& strValue) {
+    const Guard lock{m_Mutex};
+    if (m_nModelResult == 0) strValue = m_strModel;
+    return m_nModelResult;
+}
+
+std::unique_ptr<CLogger> CFakeKpi::CreateLogger() {
+    if (!Record("Create", "")) return nullptr;
+    return std::make_unique<CFakeLogger>(*this);
+}
+
+void CFakeKpi::SetPolicy(const std::string& strFile, const std::string& strNode,
+                         const NodeAttributes& attributes) {
+    const Guard lock{m_Mutex};
+    m_mapPolicy[{strFile, strNode}] = attributes;
+}
+
+void CFakeKpi::SetModel(int nResult, const std::string& strModel) {
+    const Guard lock{m_Mutex};
+    m_nModelResult = nResult;
+    m_strModel = strModel;
+}
+
+void CFakeKpi::Fail(const std::string& strOperation) {
+    const Guard lock{m_Mutex};
+    m_setFailing.insert(strOperation);
+}
+
+bool CFakeKpi::Record(const std::string& strOperation, const std::string& strArguments) {
+    const Guard lock{m_Mutex};
+    m_Calls.push_back(strOperation + strArguments);
+    return m_setFailing.count(strOperation) == 0;
+}
+
+std::vector<std::string> CFakeKpi::Calls() const {
+    const Guard lock{m_Mutex};
+    return m_Calls;
 }
 
 // ---- FakePlatform ----

@@ -56,6 +56,8 @@ public:
     bool IsAccessible(const char* szPath) override;
     std::optional<long> SizeOf(const char* szPath) override;
     std::optional<std::string> FirstLine(const char* szPath, std::size_t nMost) override;
+    std::optional<std::string> ReadText(const char* szPath, std::size_t nMost) override;
+    std::vector<std::string> List(const char* szPath) override;
     bool Move(const std::string& strFrom, const std::string& strTo) override;
     bool CreateEmpty(const char* szPath) override;
     bool Remove(const char* szPath) override;
@@ -157,6 +159,8 @@ private:
 class CFakeClock : public IClock {
 public:
     void Sleep(std::chrono::microseconds time) override;
+    /// True, without any sleep, when it was notified before or by the hook.
+    bool SleepUnlessNotified(CVokCondition& condition, std::chrono::milliseconds time) override;
 
     /// Called with the number of the sleep, from 1 on.
     void OnSleep(std::function<void(int nSleep)> hook) { m_OnSleep = std::move(hook); }
@@ -168,14 +172,47 @@ private:
     std::function<void(int nSleep)> m_OnSleep;
 };
 
+/// Knows one policy node and one model, and makes loggers that write down what they are asked.
+class CFakeKpi : public IKpi {
+public:
+    bool ParseNodeAttrFromXml(const std::string& strFile, const std::string& strNode,
+                              NodeAttributes& attributes) override;
+    int GetSystemInfo(const char* szKey, std::string& strValue) override;
+    std::unique_ptr<CLogger> CreateLogger() override;
+
+    /// What a policy file answers for a node; without it, there is none.
+    void SetPolicy(const std::string& strFile, const std::string& strNode,
+                   const NodeAttributes& attributes);
+    /// What GetSystemInfo answers: 0 and "Fake TV" at first.
+    void SetModel(int nResult, const std::string& strModel);
+    /// From now on an operation of loggers fails: "Create", "SetServiceConf", "AddEvent",
+    /// "SetEventHeader", "AddEventLog" or "Flush".
+    void Fail(const std::string& strOperation);
+
+    /// "<operation> <argument>|<argument>...", "Create" and "Destroy", in order.
+    std::vector<std::string> Calls() const;
+
+private:
+    class CFakeLogger;
+    bool Record(const std::string& strOperation, const std::string& strArguments);
+
+    mutable std::mutex m_Mutex;  // guards all that follows
+    std::map<std::pair<std::string, std::string>, NodeAttributes> m_mapPolicy;
+    int m_nModelResult = 0;
+    std::string m_strModel = "Fake TV";
+    std::set<std::string> m_setFailing;
+    std::vector<std::string> m_Calls;
+};
+
 /// All of it. Must outlive the brokers that use it.
 struct FakePlatform {
     CFakeMounter mounter;
     CFakeFiles files;
     CFakeClock clock;
+    CFakeKpi kpi;
     CFakeProcesses processes;  // the last: its end waits for threads that use the others
 
-    Platform Get() { return {&mounter, &files, &processes, &clock}; }
+    Platform Get() { return {&mounter, &files, &processes, &clock, &kpi}; }
 
     /// An EMP with its program, or its image, or both the image and the program mounted from it.
     void AddPreinstalled(const std::string& strEmp);
