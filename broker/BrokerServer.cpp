@@ -7,6 +7,7 @@
 
 #include "broker/CBroker.h"
 #include "broker/Globals.h"
+#include "broker/ListenEvent.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
 #include "platform/ThreadMaker.h"
@@ -18,17 +19,6 @@ namespace vok {
 namespace {
 
 #define SERVER_LOG(level, ...) VOK_LOG_AS("BrokerServer", level, __VA_ARGS__)
-
-/// Tells when the server listens.
-class CListenEvent : public apache::thrift::server::TServerEventHandler {
-public:
-    explicit CListenEvent(std::function<void()> onListening)
-        : m_OnListening(std::move(onListening)) {}
-    void preServe() override { m_OnListening(); }
-
-private:
-    const std::function<void()> m_OnListening;
-};
 
 /// Tells when the accepting has ended: the server itself waits for every client first.
 class CBrokerSocket : public CRpcServerSocket {

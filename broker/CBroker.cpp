@@ -9,6 +9,7 @@
 #include "broker/Globals.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
+#include "platform/ThreadMaker.h"
 
 namespace vok {
 
@@ -27,7 +28,7 @@ CBroker::~CBroker() {
     Destory();
     // Connection threads work on this object until the server has ended.
     if (m_bServerLaunched) (void)m_ServerEnded.Wait(0);
-    while (m_nStopsUnderWay > 0) m_Platform.pClock->Sleep(kStopPoll);
+    while (m_nInUse > 0) m_Platform.pClock->Sleep(kStopPoll);
 
     // Not before the last start has read it.
     std::free(gpVokBrokerLibraryPath);
@@ -72,11 +73,43 @@ void CBroker::MakeTicketMutex() {
 void CBroker::Destory() {
     RequestStop();
     StopServer();
+    StopAdminServer();
 }
 
 void CBroker::RequestStop() noexcept {
     m_bStopRequested = true;
-    (void)m_StopCondition.NotifyOne();  // nobody may be waiting yet: the flag tells later
+    // Nobody may be waiting yet: the flag tells later.
+    (void)m_StopCondition.NotifyOne();
+    (void)m_PingStop.NotifyOne();
+}
+
+std::shared_ptr<void> CBroker::HoldInUse() {
+    ++m_nInUse;
+    return {&m_nInUse, [](void* pInUse) { --*static_cast<std::atomic<int>*>(pInUse); }};
+}
+
+struct CBroker::ThreadStart {
+    CBroker& broker;
+    void (*pBody)(CBroker&);
+    std::shared_ptr<void> spBrokerInUse;
+};
+
+bool CBroker::LaunchThread(const char* szName, void (*pBody)(CBroker&)) {
+    std::unique_ptr<ThreadStart> pStart{new ThreadStart{*this, pBody, HoldInUse()}};
+    if (!ThreadMaker::CreateThread(szName, &CBroker::RunThread, pStart.get(), kThreadStack, true))
+        return false;
+    (void)pStart.release();  // the thread's now
+    return true;
+}
+
+void* CBroker::RunThread(void* pStart) {
+    const std::unique_ptr<ThreadStart> pThread{static_cast<ThreadStart*>(pStart)};
+    try {
+        pThread->pBody(pThread->broker);
+    } catch (const std::exception& e) {
+        VOK_LOG(LEVEL_ERROR, "A thread of the broker has ended early: %s", e.what());
+    }
+    return nullptr;
 }
 
 void CBroker::SetInvalidConnectionInfo(ConnectionInfo& info) {

@@ -19,6 +19,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <set>
@@ -42,6 +43,15 @@ class TThreadedServer;
 }
 
 namespace vok {
+
+class CAdminServer;
+class CBrokerProxyEmp;
+namespace admin {
+class BrokerState;
+class ConnectionState;
+class EmpState;
+class MountState;
+}  // namespace admin
 
 /// Which EMPs the launchers serve: (launcher name, launcher port) to EMP names.
 using LauncherTable = std::map<std::pair<std::string, std::string>, std::set<std::string>>;
@@ -173,29 +183,56 @@ public:
     /// One or the other. False only when a text is empty; an unknown option is true.
     bool UpdateLauncherInfo(LauOption_E option, std::string strName, std::string strPort);
 
+    /// A grouping process and the EMPs that it hosts become known; "N/A" for one that does not run.
+    /// What is known of this name and port already stays.
+    void InsertGroupingEMP(const std::string& strGroupName, const std::string& strPort,
+                           const std::set<std::string>& setEmp);
+    /// A known grouping process serves at a port from now on; "N/A" once it has stopped.
+    void ConfirmGroupingEmpServer(const std::string& strGroupName, const std::string& strPort);
+
+    /// Asks a launcher to start an EMP, which reports with `nTicketSerial`. True when the launcher
+    /// took the request. Blocks for the whole call.
     bool SendOpenToEmpLauncher(const std::string& strEmp, int nTicketSerial,
                                const std::string& strCallbackPort,
                                const std::string& strLauncherPort);
+    /// True when a connection to a launcher can be opened.
     bool IsLauncherServerRunning(std::string strIp, std::string strPort);
-    void ConfirmGroupingEmpServer(const std::string& strGroupName, const std::string& strPort);
 
     // ---- Supervision -------------------------------------------------------------------------
+    // Clients and EMPs are called one after the other, each for as long as it takes.
 
     /// Closes every connection of an application; returns how many.
     int CloseAllEmpWithAppID(std::string strAppId, std::string strWidgetId);
     /// Closes the connections of clients that no longer answer.
     void PingTest_For_Webkit();
+    /// The same; returns how many were closed.
+    int SweepZombies();
+
     /// True when the broker's own port accepts connections.
     bool IsBrokerServerRunning();
+    /// Thread: notes that the broker's server answers. `pBroker` is a CBroker; returns 0.
     static void* PingTestWorker(void* pBroker);
+    /// Pings the EMPs of launchers and grouping processes every 5 s while pinging is enabled, and
+    /// tells a client when its EMP stops answering. Returns when the broker stops. Called once.
     void PingTest();
+
+    /// Sets the level of the broker's log, and that of every connected EMP and client.
     void OnSetDebugLevel(unsigned int nLevel);
+
+    /// Reports a failed open to the log server, on a thread of its own that gets a head start.
     void ReportLogToServer(const std::string& strErrType, const std::string& strEmp,
                            const std::string& strEmpVersion);
+    /// Thread: the report. Takes over a FaultReport; returns 0.
     static void* OnReportLogToServer(void* pRecord);
+
+    /// Tells a client of an EMP server, the first by bytes, that the EMP stopped answering.
     void SendCallbackNotification(ConnectionKey key);
+    /// Tells an EMP server which client is connected to it. False when it cannot be told.
     bool SetConnectedClientToEMP(const std::string& strEmp, const std::string& strClientPort,
                                  const std::string& strEmpPort);
+
+    /// What the broker knows: each table as it is at one moment. Waits for a mount under way.
+    void GetState(admin::BrokerState& state);
 
     /// Makes the record that stands for a failed open. `serial` and `ip` stay.
     static void SetInvalidConnectionInfo(ConnectionInfo& info);
@@ -225,8 +262,12 @@ private:
     double ReadUpdateVersion();
     std::string ChoosePluginImage(double dUpdate, double dBuiltIn);
     bool PreparePlugins();
+    void ReadGroupingEmps();
     bool LaunchServer();
     bool AwaitServer();
+    void LaunchPings();
+    void LaunchAdminServer();
+    void StopAdminServer();
     bool RaiseReadyFlag();
     void AwaitStop();
     bool LowerReadyFlag();
@@ -250,6 +291,31 @@ private:
                             std::vector<ConnectionInfo>& connections);
     int CountGroupingEmps();
     int CountRegisterEmps();
+
+    // The steps of the sweeps.
+    bool CloseOfApplication(CBrokerProxyEmp& proxy, const ConnectionInfo& info,
+                            const std::string& strAppId, const std::string& strWidgetId);
+    bool CloseIfZombie(CBrokerProxyEmp& empProxy, const ConnectionInfo& info);
+
+    // The steps of PingTest.
+    bool AwaitNextPing();
+    void PingEmps(CBrokerProxyEmp& proxy);
+
+    // The steps of OnSetDebugLevel.
+    void SendDebugLevelToEmps(const std::string& strLevel);
+    void SendDebugLevelToClients(const std::string& strLevel);
+
+    // The tables of GetState.
+    void DescribeEmps(std::vector<admin::EmpState>& emps);
+    void DescribeConnections(std::vector<admin::ConnectionState>& connections);
+    void DescribeMounts(std::vector<admin::MountState>& mounts);
+
+    /// Runs `pBody` on a detached thread that holds the broker in use. False when there is none.
+    bool LaunchThread(const char* szName, void (*pBody)(CBroker&));
+    struct ThreadStart;
+    static void* RunThread(void* pStart);
+    /// The broker is not destroyed before what this returns has gone.
+    std::shared_ptr<void> HoldInUse();
 
     std::atomic<bool> m_bEnablePingTest{false};
     CConnectionDB m_ConnectionDB;
@@ -292,8 +358,13 @@ private:
     CVokCondition m_ServerStarted;  // it listens, or has failed
     CVokCondition m_ServerEnded;    // its thread touches the broker no more
     bool m_bServerLaunched = false;
-    /// Threads that stop an EMP; each ends within seconds.
-    std::atomic<int> m_nStopsUnderWay{0};
+    CVokCondition m_PingStop;
+    std::shared_ptr<CAdminServer> m_spAdminServer;  // made once, before the broker is ready
+
+    BrokerCounters m_Counters;
+    const std::chrono::steady_clock::time_point m_Born = std::chrono::steady_clock::now();
+    /// Detached threads that work on the broker; a stop ends each within seconds.
+    std::atomic<int> m_nInUse{0};
 };
 
 /// The framework's debug hooks.

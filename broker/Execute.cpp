@@ -245,10 +245,7 @@ void CCommand::LaunchStop(const std::string& strToStop, bool bGrouping, const Pr
     pBlock->bGrouping = bGrouping;
     pBlock->process = process;
     pBlock->pBroker = &m_Broker;
-    ++m_Broker.m_nStopsUnderWay;
-    pBlock->spBrokerInUse = std::shared_ptr<void>{&m_Broker.m_nStopsUnderWay, [](void* pCount) {
-                                                      --*static_cast<std::atomic<int>*>(pCount);
-                                                  }};
+    pBlock->spBrokerInUse = m_Broker.HoldInUse();
     EXECUTE_LOG(LEVEL_DETAIL, "EMP proc name:[%s], pid:[%d].", strToStop.c_str(), process.nPid);
     EXECUTE_LOG(LEVEL_DETAIL, "Create thread to Stop and unmount emp.");
 

@@ -7,6 +7,7 @@
 
 #include <tuple>
 
+#include "broker/AdminServer.h"
 #include "broker/CBroker.h"
 #include "platform/CUniqueFd.h"
 #include "platform/EmpPaths.h"
@@ -60,12 +61,15 @@ bool CBroker::StartServer() {
     if (m_bStopRequested) return true;
     if (!PreparePlugins()) return m_bStopRequested;  // a stop ends the attempts to mount
     if (m_bStopRequested) return true;
+    ReadGroupingEmps();
     if (!LaunchServer()) return false;
     if (!AwaitServer()) return false;
     if (m_bStopRequested) {
         EndServer();
         return true;  // stopped before it was ready: no flag
     }
+    LaunchPings();
+    LaunchAdminServer();
     if (!RaiseReadyFlag()) return false;
     AwaitStop();
     const bool bLowered = LowerReadyFlag();
@@ -113,6 +117,35 @@ bool CBroker::AwaitServer() {
     return false;
 }
 
+/// Without them the broker still serves.
+void CBroker::LaunchPings() {
+    const bool bWorker =
+        LaunchThread("PingTestWorker", [](CBroker& broker) { (void)PingTestWorker(&broker); });
+    const bool bLoop = LaunchThread("PingTest", [](CBroker& broker) {
+        ThreadMaker::NameThisThread("VOK-B-PingLoop");
+        broker.PingTest();
+    });
+    if (!bWorker || !bLoop) START_LOG(LEVEL_ERROR, "EMPs are not pinged: there is no thread.");
+}
+
+/// Without it, too. When the broker is ready, so is its admin service.
+void CBroker::LaunchAdminServer() {
+    const auto spServer = std::make_shared<CAdminServer>(*this, paths::kAdminSocket);
+    std::atomic_store(&m_spAdminServer, spServer);
+    const bool bLaunched = LaunchThread("AdminServer", [](CBroker& broker) {
+        ThreadMaker::NameThisThread("VOK-B-Admin");
+        std::atomic_load(&broker.m_spAdminServer)->Serve();
+    });
+    if (bLaunched)
+        spServer->AwaitStart();
+    else
+        START_LOG(LEVEL_ERROR, "There is no admin service: there is no thread.");
+}
+
+void CBroker::StopAdminServer() {
+    if (const auto spServer = std::atomic_load(&m_spAdminServer)) spServer->Stop();
+}
+
 bool CBroker::RaiseReadyFlag() {
     if (!m_Platform.pFiles->CreateEmpty(paths::kReadyFlag)) {
         VOK_LOG_AS("CreateFile", LEVEL_ERROR, "Create [%s] failed.", paths::kReadyFlag);
@@ -144,6 +177,7 @@ bool CBroker::LowerReadyFlag() {
 /// answered get a moment; those that wait for an EMP end with the process.
 void CBroker::EndServer() {
     StopServer();
+    StopAdminServer();
     if (m_ServerEnded.Wait(static_cast<int>(kStopGrace.count())) == 0) m_bServerLaunched = false;
 }
 

@@ -3,6 +3,8 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -71,6 +73,26 @@ struct ExitEmpBlock {
     ProcessId process;
     CBroker* pBroker = nullptr;
     std::shared_ptr<void> spBrokerInUse;  // the broker is not destroyed before this goes
+};
+
+/// A failed open, on its way to the log server. Owned and freed by the thread that reports it.
+struct FaultReport {
+    std::string strErrType;
+    std::string strEmp;
+    std::string strEmpVersion;
+    std::string strBrokerVersion;
+    Platform platform;
+    std::shared_ptr<void> spBrokerInUse;  // the platform may end with the broker
+};
+
+/// What has happened since the broker was made.
+struct BrokerCounters {
+    std::atomic<std::int64_t> nOpens{0};     // requests
+    std::atomic<std::int64_t> nReuses{0};    // connected to a server that ran already
+    std::atomic<std::int64_t> nRefusals{0};  // answered without a start
+    std::atomic<std::int64_t> nFailures{0};  // a start that was undone
+    std::atomic<std::int64_t> nCloses{0};    // requests
+    std::atomic<std::int64_t> nSweeps{0};    // for clients that no longer answer
 };
 
 }  // namespace vok

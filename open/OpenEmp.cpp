@@ -32,7 +32,7 @@ public:
 
 private:
     void RunOrUndo();
-    void RunSteps();
+    bool RunSteps();
 
     bool CheckArguments();
     void NameThread();
@@ -53,7 +53,7 @@ private:
     void RecordConnection();
     void FillResult();
 
-    void Refuse();
+    bool Refuse();
     void Undo(const std::string& strReason);
     template <typename Step>
     void Attempt(Step&& step);
@@ -91,29 +91,37 @@ void COpenOperation::Run() {
         RunOrUndo();
     } catch (...) {
         // An unknown failure leaves an unknown state: undoing might take what another open needs.
+        ++m_Broker.m_Counters.nFailures;
         OPEN_LOG(LEVEL_ERROR, "UNEXPECTED ERROR OCCURED, EMP:[%s].", m_strEmp.c_str());
     }
 }
 
 void COpenOperation::RunOrUndo() {
     try {
-        RunSteps();
+        ++m_Broker.m_Counters.nOpens;
+        if (!RunSteps()) ++m_Broker.m_Counters.nRefusals;
     } catch (const std::string& strReason) {
+        ++m_Broker.m_Counters.nFailures;
         Undo(strReason);
     }
 }
 
-void COpenOperation::RunSteps() {
-    if (!CheckArguments()) return;
+/// False when the open is refused.
+bool COpenOperation::RunSteps() {
+    if (!CheckArguments()) return false;
     NameThread();
-    if (!Locate()) return;
+    if (!Locate()) return false;
     IssueTicket();
     if (!ChooseServer()) return Refuse();
     RaiseMountCount();
     if (!CheckEmpStatus()) return Refuse();
-    if (!m_bReuse) StartAndAwaitReport();  // throws the reason as text
+    if (m_bReuse)
+        ++m_Broker.m_Counters.nReuses;
+    else
+        StartAndAwaitReport();  // throws the reason as text
     RecordConnection();
     FillResult();
+    return true;
 }
 
 bool COpenOperation::CheckArguments() {
@@ -395,10 +403,12 @@ void COpenOperation::FillResult() {
              m_strOption.c_str(), EMP_OPENED);
 }
 
-void COpenOperation::Refuse() {
+/// Returns false, the answer of whoever refuses.
+bool COpenOperation::Refuse() {
     CBroker::SetInvalidConnectionInfo(m_Result);
     const CLock lock{m_Broker.m_mtxTicket};
     m_Broker.m_mapTicket.erase(m_spTicket->GetSerial());
+    return false;
 }
 
 /// One step of the undo, which must not keep the others from being made.

@@ -40,6 +40,7 @@ bool RefusesClose(EMP_STATUS eStatus) {
 }  // namespace
 
 bool CBroker::CloseEmp(const ConnectionInfo& info) {
+    ++m_Counters.nCloses;
     NameThread(info);
 
     EmpType::type eKind = EmpType::PROCESS;

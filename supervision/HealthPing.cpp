@@ -1,46 +1,27 @@
 // Is the broker alive, and are the EMPs?
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <boost/make_shared.hpp>
 #include <thrift/Thrift.h>
 #include <thrift/transport/TBufferTransports.h>
 
-#include <cstring>
-
 #include "broker/CBroker.h"
+#include "broker/Globals.h"
+#include "platform/EmpPaths.h"
+#include "platform/Limits.h"
 #include "platform/Log.h"
+#include "platform/ThreadMaker.h"
+#include "rpc/CBrokerProxyEmp.h"
 #include "rpc/CallOnce.h"
 
 namespace vok {
 
-namespace {
-
-/// True when both ends of a connection are one socket. A connect to a local port that nobody serves
-/// may be given that very port as its own, and then reaches itself (the port lies in the kernel's
-/// range of ephemeral ones).
-bool IsConnectedToItself(int nFd) {
-    sockaddr_in own{};
-    sockaddr_in peer{};
-    socklen_t nOwn = sizeof own;
-    socklen_t nPeer = sizeof peer;
-    return ::getsockname(nFd, reinterpret_cast<sockaddr*>(&own), &nOwn) == 0 &&
-           ::getpeername(nFd, reinterpret_cast<sockaddr*>(&peer), &nPeer) == 0 &&
-           own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
-}
-
-}  // namespace
-
 bool CBroker::IsBrokerServerRunning() {
     try {
-        const auto pSocket =
-            MakeRpcSocket({GetProcessIP(PROCESSTYPE_CLIENT), kBrokerPort, std::string()});
-        apache::thrift::transport::TBufferedTransport transport{pSocket, kRpcBuffer, kRpcBuffer};
+        apache::thrift::transport::TBufferedTransport transport{
+            MakeRpcSocket({GetProcessIP(PROCESSTYPE_CLIENT), kBrokerPort, {}}), kRpcBuffer,
+            kRpcBuffer};
         transport.open();
-        const bool bItself = IsConnectedToItself(static_cast<int>(pSocket->getSocketFD()));
         transport.close();
-        if (!bItself) return true;
-
-        VOK_LOG(LEVEL_TRACE, "Broker is not running now. Maybe, Server is preparing to run. [%s]",
-                "connected to itself");
+        return true;
     } catch (const apache::thrift::TException& e) {
         VOK_LOG(LEVEL_TRACE, "Broker is not running now. Maybe, Server is preparing to run. [%s]",
                 e.what());
@@ -50,13 +31,74 @@ bool CBroker::IsBrokerServerRunning() {
     return false;
 }
 
-void* CBroker::PingTestWorker(void*) {
-    VOK_LOG(LEVEL_DETAIL, "EMPs are not pinged yet.");
+void* CBroker::PingTestWorker(void* pBroker) {
+    VOK_LOG(LEVEL_DETAIL, "PingTestWoker starts");
+    if (pBroker == nullptr) {
+        VOK_LOG(LEVEL_ERROR, "PingTestWoker cannot start due to the fact that pBroker is NULL");
+        return nullptr;
+    }
+    ThreadMaker::NameThisThread("VOK-B-PingTest");
+    CBroker& broker = *static_cast<CBroker*>(pBroker);
+
+    bool bAnswers = false;
+    for (int nTry = 0; nTry < kServerTries && !bAnswers; ++nTry)
+        bAnswers = broker.IsBrokerServerRunning();
+    if (bAnswers) broker.m_bIsBrokerServerRunning = true;
+
+    // The start-up may have seen the server where this thread has not.
+    if (broker.m_bIsBrokerServerRunning)
+        VOK_LOG(LEVEL_DETAIL, "Broker-Server is running well.");
+    else
+        VOK_LOG(LEVEL_ERROR, "Broker-Server is not runnning now. Check your system");
+    VOK_LOG(LEVEL_DETAIL, "PingTest is disable");
     return nullptr;
 }
 
 void CBroker::PingTest() {
-    VOK_LOG(LEVEL_DETAIL, "EMPs are not pinged yet.");
+    const auto spProxy = boost::make_shared<CBrokerProxyEmp>(kNoPort);
+    m_PingStop.SetDoWaiting(true);
+    while (AwaitNextPing()) {
+        try {
+            PingEmps(*spProxy);
+        } catch (const std::exception& e) {
+            VOK_LOG(LEVEL_ERROR, "A round of pings was not completed: %s", e.what());
+        }
+    }
+}
+
+/// False when the broker is to stop. The flags are looked at once in a pause.
+bool CBroker::AwaitNextPing() {
+    do {
+        // A stop that came before the announcement has left its mark; one that comes now is kept.
+        if (m_bStopRequested || m_Platform.pClock->SleepUnlessNotified(m_PingStop, kPingPause))
+            return false;
+    } while (!m_bEnablePingTest || gbVokBrokerServerFail);
+    return !m_bStopRequested;
+}
+
+/// EMPs with a process of their own are not pinged: their end is noticed by itself.
+void CBroker::PingEmps(CBrokerProxyEmp& proxy) {
+    constexpr const char* kOperation = "PingTest";
+    VOK_LOG_AS(kOperation, LEVEL_DETAIL, "Start");
+    for (const ConnectionKey& key : m_ConnectionDB.GetConnectionKeyList()) {
+        const eEmpLocation location = WhereIsEMP(key.first);
+        if (location == EMPLOCATION_EXTERNAL) continue;
+
+        (void)proxy.SetIP(GetEmpIP(location));
+        (void)proxy.SetPortInfo(key.second);
+        if (proxy.Ping(paths::kBrokerSocket)) {
+            m_ConnectionDB.ResetPendingCount(key);
+            continue;
+        }
+        const int nPrevious = m_ConnectionDB.IncreasePendingCount(key);
+        if (nPrevious <= EMP_MAX_PENDING_COUNT) continue;
+
+        VOK_LOG_AS(kOperation, LEVEL_ERROR, "[%s] Exceed EMP_MAX_PENDING_COUNT!!!!! [%d]",
+                   key.first.c_str(), nPrevious);
+        SendCallbackNotification(key);
+        m_ConnectionDB.ResetPendingCount(key);
+    }
+    VOK_LOG_AS(kOperation, LEVEL_DETAIL, "End");
 }
 
 }  // namespace vok

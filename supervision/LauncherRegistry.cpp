@@ -66,6 +66,14 @@ int CBroker::CountRegisterEmps() {
     return static_cast<int>(m_mapRegisterEmp.size());
 }
 
+void CBroker::InsertGroupingEMP(const std::string& strGroupName, const std::string& strPort,
+                                const std::set<std::string>& setEmp) {
+    const CLock lock{m_mtxGroupingEmp};
+    m_mapGroupingEmp[{strGroupName, strPort}].insert(setEmp.begin(), setEmp.end());
+    VOK_LOG(LEVEL_EVENT, "Grouping EMP [%s|%s] hosts [%d] EMPs.", strGroupName.c_str(),
+            strPort.c_str(), static_cast<int>(setEmp.size()));
+}
+
 bool CBroker::RegisterEMP(const std::string& strEmp, const std::string& strLauncherPort) {
     VOK_LOG(LEVEL_EVENT, "[RegisterEMP] Emp[%s], Launcher port[%s]", strEmp.c_str(),
             strLauncherPort.c_str());

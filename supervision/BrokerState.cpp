@@ -1,0 +1,87 @@
+// What the broker knows at this moment, for those who look after the set.
+#include "broker/CBroker.h"
+#include "platform/CVOKDebug.h"
+#include "vok_admin_types.h"
+
+namespace vok {
+
+namespace {
+
+std::vector<admin::LauncherState> Describe(const LauncherTable& table) {
+    std::vector<admin::LauncherState> launchers;
+    for (const auto& [key, setEmp] : table) {
+        admin::LauncherState& launcher = launchers.emplace_back();
+        launcher.name = key.first;
+        launcher.port = key.second;
+        launcher.emps.assign(setEmp.begin(), setEmp.end());
+    }
+    return launchers;
+}
+
+}  // namespace
+
+void CBroker::GetState(admin::BrokerState& state) {
+    state.version = GetFullVersion();
+    state.uptimeMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                         std::chrono::steady_clock::now() - m_Born)
+                         .count();
+    state.debugLevel = CVOKDebug::GetLogLevel();
+    state.pingEnabled = m_bEnablePingTest;
+    DescribeEmps(state.emps);
+    DescribeConnections(state.connections);
+    DescribeMounts(state.mounts);
+    {
+        const CLock lock{m_mtxRegisterEmp};
+        state.launchers = Describe(m_mapRegisterEmp);
+    }
+    {
+        const CLock lock{m_mtxGroupingEmp};
+        state.groups = Describe(m_mapGroupingEmp);
+    }
+    {
+        const CLock lock{m_mtxTicket};
+        for (const auto& [nSerial, spTicket] : m_mapTicket) {
+            if (spTicket && spTicket->m_bAwaitsReport) state.waitingTickets.push_back(nSerial);
+        }
+    }
+    state.counters.opens = m_Counters.nOpens;
+    state.counters.reuses = m_Counters.nReuses;
+    state.counters.refusals = m_Counters.nRefusals;
+    state.counters.failures = m_Counters.nFailures;
+    state.counters.closes = m_Counters.nCloses;
+    state.counters.sweeps = m_Counters.nSweeps;
+}
+
+void CBroker::DescribeEmps(std::vector<admin::EmpState>& emps) {
+    for (const auto& [strEmp, record] : m_EmpInfo.GetEmpInfo()) {
+        admin::EmpState& emp = emps.emplace_back();
+        emp.name = strEmp;
+        emp.status = record.GetStatus();
+        emp.option = record.GetOption();
+        emp.pid = record.GetEmpPid();
+        emp.location = WhereIsEMP(strEmp);
+    }
+}
+
+void CBroker::DescribeConnections(std::vector<admin::ConnectionState>& connections) {
+    for (const auto& [key, data] : m_ConnectionDB.GetConnectionDB()) {
+        admin::ConnectionState& connection = connections.emplace_back();
+        connection.empName = key.first;
+        connection.empPort = key.second;
+        connection.clientPorts.assign(data.m_setClientPort.begin(), data.m_setClientPort.end());
+        connection.pendingCount = data.m_nPendingCount;
+    }
+}
+
+void CBroker::DescribeMounts(std::vector<admin::MountState>& mounts) {
+    // Held to the end: nothing is mounted or unmounted meanwhile.
+    const CLock lock{m_mtxMapEmp};
+    for (const auto& [strImage, nCount] : m_mapEmp) {
+        admin::MountState& mount = mounts.emplace_back();
+        mount.image = strImage;
+        mount.count = nCount;
+        mount.mounted = GetEmpLocationType(strImage) == EMPFILE_MOUNTED;
+    }
+}
+
+}  // namespace vok
