@@ -75,7 +75,9 @@ bool IsServed(const std::string& strPath) {
     if (!fd.IsOpen()) ThrowErrno("socket");
     if (::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
         return true;
-    return errno != ECONNREFUSED && errno != ENOENT;  // a full backlog is somebody's, too
+    if (errno == ECONNREFUSED || errno == ENOENT) return false;
+    if (errno == EAGAIN) return true;  // a full backlog
+    ThrowErrno("what is there");
 }
 
 }  // namespace
@@ -98,6 +100,7 @@ void CAdminServer::Serve() {
         // From its first moment, the socket is its owner's only. The thread gets a mask of its own:
         // that of the process is for EMPs to inherit.
         if (::unshare(CLONE_FS) != 0) ThrowErrno("unshare");
+        m_nUmask = ::umask(022);
         PreparePath();
         (void)::umask(0177);
         m_pServer->serve();
@@ -108,7 +111,6 @@ void CAdminServer::Serve() {
 
 void CAdminServer::PreparePath() const {
     const std::string strFolder = std::filesystem::path(m_strPath).parent_path();
-    (void)::umask(022);
     if (::mkdir(strFolder.c_str(), 0755) != 0 && errno != EEXIST) ThrowErrno(strFolder);
 
     struct stat info {};
@@ -121,6 +123,7 @@ void CAdminServer::PreparePath() const {
 }
 
 void CAdminServer::OnListening() {
+    (void)::umask(m_nUmask);  // for the threads of clients
     m_bListening = true;
     (void)m_Started.NotifyOne();
     if (m_bStopped) Stop();  // what came before there was a socket to interrupt

@@ -1,6 +1,8 @@
 /// The admin service: a server of its own, for those who look after the set.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <memory>
 #include <string>
@@ -34,6 +36,7 @@ private:
     void OnListening();
 
     const std::string m_strPath;
+    mode_t m_nUmask = 0;  // of the process
     std::shared_ptr<CRpcServer> m_pServer;
     CVokCondition m_Started;
     std::atomic<bool> m_bListening{false};

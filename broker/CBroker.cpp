@@ -106,8 +106,8 @@ void* CBroker::RunThread(void* pStart) {
     const std::unique_ptr<ThreadStart> pThread{static_cast<ThreadStart*>(pStart)};
     try {
         pThread->pBody(pThread->broker);
-    } catch (const std::exception& e) {
-        VOK_LOG(LEVEL_ERROR, "A thread of the broker has ended early: %s", e.what());
+    } catch (...) {
+        VOK_LOG(LEVEL_ERROR, "A thread of the broker has ended early.");
     }
     return nullptr;
 }

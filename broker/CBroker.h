@@ -183,8 +183,8 @@ public:
     /// One or the other. False only when a text is empty; an unknown option is true.
     bool UpdateLauncherInfo(LauOption_E option, std::string strName, std::string strPort);
 
-    /// A grouping process and the EMPs that it hosts become known; "N/A" for one that does not run.
-    /// What is known of this name and port already stays.
+    /// A grouping process and the EMPs that it hosts become known. Port "N/A": it does not run, or
+    /// keeps the port that is known. What is known already stays.
     void InsertGroupingEMP(const std::string& strGroupName, const std::string& strPort,
                            const std::set<std::string>& setEmp);
     /// A known grouping process serves at a port from now on; "N/A" once it has stopped.
@@ -306,6 +306,7 @@ private:
     void SendDebugLevelToClients(const std::string& strLevel);
 
     // The tables of GetState.
+    eEmpLocation LocateSilently(const std::string& strEmp);
     void DescribeEmps(std::vector<admin::EmpState>& emps);
     void DescribeConnections(std::vector<admin::ConnectionState>& connections);
     void DescribeMounts(std::vector<admin::MountState>& mounts);

@@ -30,8 +30,10 @@ std::set<std::string> ReadHostedEmps(IFiles& files, const std::string& strPath) 
     }
     std::set<std::string> setEmp;
     for (const auto& name : document.child("Emp").child("GroupingEmps").children("Name")) {
-        std::string strEmp = boost::trim_copy(std::string(name.child_value()));
-        if (!strEmp.empty()) setEmp.insert(std::move(strEmp));
+        std::string strEmp;
+        for (const auto& piece : name.children()) strEmp += piece.value();
+        boost::trim(strEmp);
+        if (!strEmp.empty()) setEmp.insert(strEmp);
     }
     return setEmp;
 }
@@ -42,7 +44,7 @@ std::set<std::string> ReadHostedEmps(IFiles& files, const std::string& strPath) 
 void CBroker::ReadGroupingEmps() {
     for (const char* szRoot : {paths::kPreinstalledEmps, paths::kDownloadedEmps}) {
         for (const std::string& strFolder : m_Platform.pFiles->List(szRoot)) {
-            if (strFolder.rfind(kFolderStart, 0) != 0) continue;
+            if (strFolder.rfind(kFolderStart, 0) != 0 || strFolder == kFolderStart) continue;
 
             const std::string strConfig =
                 std::string(szRoot) + '/' + strFolder + '/' + strFolder + ".xml";

@@ -102,6 +102,7 @@ bool CBroker::AwaitServer() {
     if (m_eServerState == SERVER_FAILED) {
         // The port is another's. Does a broker serve there, whose flag it is?
         if (!DoesBrokerAnswer()) (void)::unlink(paths::kReadyFlag);
+        START_LOG(LEVEL_ERROR, "Fail to start [Broker-Server].");
         return false;
     }
 

@@ -1,5 +1,7 @@
 // A KPI logger for sets without a log server: events go to the local log.
 #include <cstdio>
+#include <initializer_list>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -10,10 +12,13 @@ namespace vok {
 
 namespace {
 
+/// What is taken of one text: syslog cuts records, and texts come from clients.
+constexpr std::size_t kMostOfText = 512;
+
 /// One record is one line, whatever an event's texts contain.
 std::string OnOneLine(const std::string& strText) {
     std::string strLine;
-    for (const char c : strText) {
+    for (const char c : strText.substr(0, kMostOfText)) {
         const auto nByte = static_cast<unsigned char>(c);
         if (nByte >= 0x20 && nByte != 0x7f) {
             strLine += c;
@@ -47,11 +52,21 @@ public:
 
     bool AddEventLog(const std::string& strEventId, const std::string& strDescription,
                      const std::string& strModel) override {
-        m_Lines.push_back(OnOneLine(
-            "KPI event service:[" + m_strService + "] url:[" + m_strUrl + "] category:[" +
-            m_strCategory + "] id:[" + strEventId + "] header:[" + m_Header.strDescription + '|' +
-            m_Header.strErrType + '|' + m_Header.strEmp + '|' + m_Header.strBrokerVersion + '|' +
-            strModel + "] desc:[" + strDescription + ']'));
+        std::string strLine = "KPI event";
+        for (const auto& [szName, strText] :
+             std::initializer_list<std::pair<const char*, const std::string&>>{
+                 {"service", m_strService},
+                 {"url", m_strUrl},
+                 {"category", m_strCategory},
+                 {"id", strEventId},
+                 {"event", m_Header.strDescription},
+                 {"errtype", m_Header.strErrType},
+                 {"emp", m_Header.strEmp},
+                 {"version", m_Header.strBrokerVersion},
+                 {"model", strModel},
+                 {"desc", strDescription}})
+            strLine += std::string(" ") + szName + ":[" + OnOneLine(strText) + ']';
+        m_Lines.push_back(std::move(strLine));
         return true;
     }
 

@@ -18,18 +18,48 @@ bool StartsWith(const std::string& strText, std::size_t nAt, const char* szStart
     return strText.compare(nAt, std::strlen(szStart), szStart) == 0;
 }
 
-/// Where what begins at `nAt` ends, when nothing in it is a tag (a comment, character data, a
-/// quoted value inside a tag); `nAt` itself for everything else.
-std::size_t EndOfOpaque(const std::string& strXml, std::size_t nAt, bool bInTag) {
-    const char* szEnd = nullptr;
-    if (!bInTag && StartsWith(strXml, nAt, "<!--")) szEnd = "-->";
-    if (!bInTag && StartsWith(strXml, nAt, "<![CDATA[")) szEnd = "]]>";
-    if (bInTag && strXml[nAt] == '"') szEnd = "\"";
-    if (bInTag && strXml[nAt] == '\'') szEnd = "'";
-    if (szEnd == nullptr) return nAt;
+/// Where a comment, character data or a processing instruction that begins at `nAt` ends, or with
+/// `bQuotes` a quoted text; `nAt` itself when none begins there.
+std::size_t EndOfText(const std::string& strXml, std::size_t nAt, bool bQuotes) {
+    struct Text {
+        const char* szStart;
+        const char* szEnd;
+        bool bQuoted;
+    };
+    static constexpr Text kTexts[] = {{"<!--", "-->", false},
+                                      {"<![CDATA[", "]]>", false},
+                                      {"<?", "?>", false},
+                                      {"\"", "\"", true},
+                                      {"'", "'", true}};
+    for (const Text& text : kTexts) {
+        if ((text.bQuoted && !bQuotes) || !StartsWith(strXml, nAt, text.szStart)) continue;
+        const std::size_t nEnd = strXml.find(text.szEnd, nAt + std::strlen(text.szStart));
+        return nEnd == std::string::npos ? strXml.size() : nEnd + std::strlen(text.szEnd);
+    }
+    return nAt;
+}
 
-    const std::size_t nEnd = strXml.find(szEnd, nAt + 1);
-    return nEnd == std::string::npos ? strXml.size() : nEnd + std::strlen(szEnd);
+/// Where a document type declaration that begins at `nAt` ends. It nests brackets, and what stands
+/// in quotes or comments does not count.
+std::size_t EndOfDocumentType(const std::string& strXml, std::size_t nAt) {
+    int nDepth = 0;
+    while (nAt < strXml.size()) {
+        if (const std::size_t nEnd = EndOfText(strXml, nAt, true); nEnd != nAt) {
+            nAt = nEnd;
+            continue;
+        }
+        const char c = strXml[nAt++];
+        if (c == '<') ++nDepth;
+        if (c == '>' && --nDepth == 0) break;
+    }
+    return nAt;
+}
+
+/// Where what begins at `nAt` ends, when nothing in it is a tag to look at; `nAt` itself for
+/// everything else. Inside a tag, that is a quoted value.
+std::size_t EndOfOpaque(const std::string& strXml, std::size_t nAt, bool bInTag) {
+    if (!bInTag && StartsWith(strXml, nAt, "<!DOCTYPE")) return EndOfDocumentType(strXml, nAt);
+    return EndOfText(strXml, nAt, bInTag);
 }
 
 bool IsDigit(char c) {

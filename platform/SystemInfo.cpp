@@ -8,9 +8,14 @@
 
 #include "platform/TextFile.h"
 
+#if defined(VOK_SYSTEM_INFO_LIBRARY)
+#define VOK_WEAK  // a weak reference would not make the linker take the library
+#else
+#define VOK_WEAK __attribute__((weak))
+#endif
+
 /// The platform's; null when the process is not linked with it. The text is the caller's to free.
-extern "C" __attribute__((weak)) int system_info_get_value_string(const char* szKey,
-                                                                  char** pszValue);
+extern "C" VOK_WEAK int system_info_get_value_string(const char* szKey, char** pszValue);
 
 namespace vok {
 
@@ -61,9 +66,11 @@ std::string OsReleaseValue(const std::string& strText, const std::string& strVar
 }
 
 int GetSystemInfo(const char* szKey, std::string& strValue) {
-    if (system_info_get_value_string != nullptr) {
+    // Through a variable: the address of what is linked for certain needs no question.
+    int (*const pfnQuery)(const char*, char**) = &system_info_get_value_string;
+    if (pfnQuery != nullptr) {
         char* szValue = nullptr;
-        const int rc = system_info_get_value_string(szKey, &szValue);
+        const int rc = pfnQuery(szKey, &szValue);
         const std::unique_ptr<char, decltype(&std::free)> freeValue{szValue, &std::free};
         if (rc != 0) return rc;
         if (szValue == nullptr) return ENODATA;

@@ -1,6 +1,9 @@
 // What the broker knows at this moment, for those who look after the set.
+#include <algorithm>
+
 #include "broker/CBroker.h"
 #include "platform/CVOKDebug.h"
+#include "platform/EmpPaths.h"
 #include "vok_admin_types.h"
 
 namespace vok {
@@ -16,6 +19,11 @@ std::vector<admin::LauncherState> Describe(const LauncherTable& table) {
         launcher.emps.assign(setEmp.begin(), setEmp.end());
     }
     return launchers;
+}
+
+bool Serves(const LauncherTable& table, const std::string& strEmp) {
+    return std::any_of(table.begin(), table.end(),
+                       [&](const auto& launcher) { return launcher.second.count(strEmp) != 0; });
 }
 
 }  // namespace
@@ -59,8 +67,22 @@ void CBroker::DescribeEmps(std::vector<admin::EmpState>& emps) {
         emp.status = record.GetStatus();
         emp.option = record.GetOption();
         emp.pid = record.GetEmpPid();
-        emp.location = WhereIsEMP(strEmp);
+        emp.location = LocateSilently(strEmp);
     }
+}
+
+/// As WhereIsEMP, without a word in the log: whoever watches the broker asks again and again.
+eEmpLocation CBroker::LocateSilently(const std::string& strEmp) {
+    IFiles& files = *m_Platform.pFiles;
+    if (paths::IsFileName(strEmp) && (files.Exists(paths::ImageFile(strEmp).c_str()) ||
+                                      files.Exists(paths::PreinstalledProgram(strEmp).c_str())))
+        return EMPLOCATION_EXTERNAL;
+    {
+        const CLock lock{m_mtxGroupingEmp};
+        if (Serves(m_mapGroupingEmp, strEmp)) return EMPLOCATION_GROUPING;
+    }
+    const CLock lock{m_mtxRegisterEmp};
+    return Serves(m_mapRegisterEmp, strEmp) ? EMPLOCATION_REGISTER : EMPLOCATION_UNKNOWN;
 }
 
 void CBroker::DescribeConnections(std::vector<admin::ConnectionState>& connections) {

@@ -141,8 +141,9 @@ void* CBroker::OnReportLogToServer(void* pRecord) {
     }
     try {
         Report(*pFault);
-    } catch (const std::exception& e) {
-        VOK_LOG(LEVEL_ERROR, "A fault report was not completed: %s", e.what());
+    } catch (...) {
+        // Whatever a KPI library throws, it must not end the broker.
+        VOK_LOG(LEVEL_ERROR, "A fault report was not completed.");
     }
     return nullptr;
 }

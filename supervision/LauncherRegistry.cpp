@@ -69,7 +69,12 @@ int CBroker::CountRegisterEmps() {
 void CBroker::InsertGroupingEMP(const std::string& strGroupName, const std::string& strPort,
                                 const std::set<std::string>& setEmp) {
     const CLock lock{m_mtxGroupingEmp};
-    m_mapGroupingEmp[{strGroupName, strPort}].insert(setEmp.begin(), setEmp.end());
+    // One that is known keeps its port when none is told: it may be running.
+    auto it = m_mapGroupingEmp.lower_bound({strGroupName, std::string()});
+    const bool bKnown = it != m_mapGroupingEmp.end() && it->first.first == strGroupName;
+    if (!bKnown || strPort != kGroupNotRunning)
+        it = m_mapGroupingEmp.try_emplace({strGroupName, strPort}).first;
+    it->second.insert(setEmp.begin(), setEmp.end());
     VOK_LOG(LEVEL_EVENT, "Grouping EMP [%s|%s] hosts [%d] EMPs.", strGroupName.c_str(),
             strPort.c_str(), static_cast<int>(setEmp.size()));
 }
@@ -156,7 +161,13 @@ void CBroker::RemoveLauncherInfo(std::string strName, std::string strPort) {
     for (const ConnectionInfo& info : connections) {
         VOK_LOG(LEVEL_DETAIL, "[StopVokLauncherServer] -> Close EMP:[%s|%s|%s].",
                 info.empName.c_str(), info.clientPort.c_str(), info.empPort.c_str());
-        const bool bClosed = CloseEmp(info);
+        bool bClosed = false;
+        try {
+            bClosed = CloseEmp(info);
+        } catch (const std::exception& e) {
+            // The others are closed all the same, and the launcher goes.
+            VOK_LOG(LEVEL_ERROR, "EMP [%s] was not closed: %s", info.empName.c_str(), e.what());
+        }
         VOK_LOG(LEVEL_DETAIL, "[StopVokLauncherServer] -> Close EMP, Result:[%d].", bClosed);
     }
 
