@@ -111,9 +111,14 @@ void CAdminServer::Serve() {
 
 void CAdminServer::PreparePath() const {
     const std::string strFolder = std::filesystem::path(m_strPath).parent_path();
-    if (::mkdir(strFolder.c_str(), 0755) != 0 && errno != EEXIST) ThrowErrno(strFolder);
-
     struct stat info {};
+    if (::mkdir(strFolder.c_str(), 0755) != 0 && errno != EEXIST) ThrowErrno(strFolder);
+    if (::lstat(strFolder.c_str(), &info) != 0) ThrowErrno(strFolder);
+    // In a folder that others may write to, they could put a socket of their own.
+    const bool bOurs = S_ISDIR(info.st_mode) && info.st_uid == ::geteuid();
+    if (!bOurs || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        throw std::system_error(EPERM, std::generic_category(), strFolder + " is not ours alone");
+
     if (::lstat(m_strPath.c_str(), &info) != 0) return;  // listening tells what is wrong
     if (!S_ISSOCK(info.st_mode))
         throw std::system_error(ENOTSOCK, std::generic_category(), "what is there");
@@ -132,7 +137,8 @@ void CAdminServer::OnListening() {
 void CAdminServer::Stop() {
     m_bStopped = true;
     // Before the end of listening: as long as it is served, no other broker replaces the file.
-    if (m_bListening.exchange(false)) (void)::unlink(m_strPath.c_str());
+    if (!m_bListening.exchange(false)) return;  // not yet: OnListening comes back here
+    (void)::unlink(m_strPath.c_str());
     m_pServer->stop();
 }
 

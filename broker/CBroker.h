@@ -79,7 +79,7 @@ public:
     /// The platform's parts must outlive the broker and its threads.
     explicit CBroker(Platform platform = LinuxPlatform());
     /// Stops the server and waits until no thread works on the broker any more: an open that waits
-    /// for its EMP takes up to 10 s.
+    /// for its EMP takes up to 10 s, a call to a peer as long as the peer does.
     ~CBroker() override;
 
     // ---- The service (rpc/vok.thrift) -------------------------------------------------------
@@ -300,6 +300,7 @@ private:
     // The steps of PingTest.
     bool AwaitNextPing();
     void PingEmps(CBrokerProxyEmp& proxy);
+    void PingEmp(CBrokerProxyEmp& proxy, const ConnectionKey& key);
 
     // The steps of OnSetDebugLevel.
     void SendDebugLevelToEmps(const std::string& strLevel);
@@ -364,7 +365,8 @@ private:
 
     BrokerCounters m_Counters;
     const std::chrono::steady_clock::time_point m_Born = std::chrono::steady_clock::now();
-    /// Detached threads that work on the broker; a stop ends each within seconds.
+    /// Detached threads that work on the broker. A stop ends each, once the call to a peer that it
+    /// is in has ended.
     std::atomic<int> m_nInUse{0};
 };
 

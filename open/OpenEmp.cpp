@@ -101,8 +101,8 @@ void COpenOperation::RunOrUndo() {
         ++m_Broker.m_Counters.nOpens;
         if (!RunSteps()) ++m_Broker.m_Counters.nRefusals;
     } catch (const std::string& strReason) {
-        ++m_Broker.m_Counters.nFailures;
         Undo(strReason);
+        ++m_Broker.m_Counters.nFailures;
     }
 }
 

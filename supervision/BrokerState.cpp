@@ -1,4 +1,6 @@
 // What the broker knows at this moment, for those who look after the set.
+#include <boost/locale/encoding_utf.hpp>
+
 #include <algorithm>
 
 #include "broker/CBroker.h"
@@ -10,13 +12,24 @@ namespace vok {
 
 namespace {
 
+/// Names and ports come from peers as any bytes; what leaves as text is UTF-8, as readers expect.
+std::string Text(const std::string& strBytes) {
+    return boost::locale::conv::utf_to_utf<char>(strBytes);  // drops what is none
+}
+
+std::vector<std::string> Texts(const std::set<std::string>& setBytes) {
+    std::vector<std::string> texts;
+    for (const std::string& strBytes : setBytes) texts.push_back(Text(strBytes));
+    return texts;
+}
+
 std::vector<admin::LauncherState> Describe(const LauncherTable& table) {
     std::vector<admin::LauncherState> launchers;
     for (const auto& [key, setEmp] : table) {
         admin::LauncherState& launcher = launchers.emplace_back();
-        launcher.name = key.first;
-        launcher.port = key.second;
-        launcher.emps.assign(setEmp.begin(), setEmp.end());
+        launcher.name = Text(key.first);
+        launcher.port = Text(key.second);
+        launcher.emps = Texts(setEmp);
     }
     return launchers;
 }
@@ -63,9 +76,9 @@ void CBroker::GetState(admin::BrokerState& state) {
 void CBroker::DescribeEmps(std::vector<admin::EmpState>& emps) {
     for (const auto& [strEmp, record] : m_EmpInfo.GetEmpInfo()) {
         admin::EmpState& emp = emps.emplace_back();
-        emp.name = strEmp;
+        emp.name = Text(strEmp);
         emp.status = record.GetStatus();
-        emp.option = record.GetOption();
+        emp.option = Text(record.GetOption());
         emp.pid = record.GetEmpPid();
         emp.location = LocateSilently(strEmp);
     }
@@ -88,9 +101,9 @@ eEmpLocation CBroker::LocateSilently(const std::string& strEmp) {
 void CBroker::DescribeConnections(std::vector<admin::ConnectionState>& connections) {
     for (const auto& [key, data] : m_ConnectionDB.GetConnectionDB()) {
         admin::ConnectionState& connection = connections.emplace_back();
-        connection.empName = key.first;
-        connection.empPort = key.second;
-        connection.clientPorts.assign(data.m_setClientPort.begin(), data.m_setClientPort.end());
+        connection.empName = Text(key.first);
+        connection.empPort = Text(key.second);
+        connection.clientPorts = Texts(data.m_setClientPort);
         connection.pendingCount = data.m_nPendingCount;
     }
 }
@@ -100,7 +113,7 @@ void CBroker::DescribeMounts(std::vector<admin::MountState>& mounts) {
     const CLock lock{m_mtxMapEmp};
     for (const auto& [strImage, nCount] : m_mapEmp) {
         admin::MountState& mount = mounts.emplace_back();
-        mount.image = strImage;
+        mount.image = Text(strImage);
         mount.count = nCount;
         mount.mounted = GetEmpLocationType(strImage) == EMPFILE_MOUNTED;
     }

@@ -33,9 +33,9 @@ template <typename Look>
 bool LookAt(const char* szOperation, const std::string& strClientPort, Look&& look) {
     try {
         return look();
-    } catch (const std::exception& e) {
-        VOK_LOG_AS(szOperation, LEVEL_ERROR, "Client [%s] was not looked at to the end: %s",
-                   strClientPort.c_str(), e.what());
+    } catch (...) {
+        VOK_LOG_AS(szOperation, LEVEL_ERROR, "Client [%s] was not looked at to the end.",
+                   strClientPort.c_str());
         return false;
     }
 }

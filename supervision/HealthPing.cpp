@@ -14,6 +14,8 @@
 
 namespace vok {
 
+#define PING_LOG(level, ...) VOK_LOG_AS("PingTest", level, __VA_ARGS__)
+
 bool CBroker::IsBrokerServerRunning() {
     try {
         apache::thrift::transport::TBufferedTransport transport{
@@ -57,13 +59,7 @@ void* CBroker::PingTestWorker(void* pBroker) {
 void CBroker::PingTest() {
     const auto spProxy = boost::make_shared<CBrokerProxyEmp>(kNoPort);
     m_PingStop.SetDoWaiting(true);
-    while (AwaitNextPing()) {
-        try {
-            PingEmps(*spProxy);
-        } catch (const std::exception& e) {
-            VOK_LOG(LEVEL_ERROR, "A round of pings was not completed: %s", e.what());
-        }
-    }
+    while (AwaitNextPing()) PingEmps(*spProxy);
 }
 
 /// False when the broker is to stop. The flags are looked at once in a pause.
@@ -76,29 +72,38 @@ bool CBroker::AwaitNextPing() {
     return !m_bStopRequested;
 }
 
-/// EMPs with a process of their own are not pinged: their end is noticed by itself.
+/// One round. What goes wrong with one EMP does not keep the others from being pinged.
 void CBroker::PingEmps(CBrokerProxyEmp& proxy) {
-    constexpr const char* kOperation = "PingTest";
-    VOK_LOG_AS(kOperation, LEVEL_DETAIL, "Start");
+    PING_LOG(LEVEL_DETAIL, "Start");
     for (const ConnectionKey& key : m_ConnectionDB.GetConnectionKeyList()) {
-        const eEmpLocation location = WhereIsEMP(key.first);
-        if (location == EMPLOCATION_EXTERNAL) continue;
-
-        (void)proxy.SetIP(GetEmpIP(location));
-        (void)proxy.SetPortInfo(key.second);
-        if (proxy.Ping(paths::kBrokerSocket)) {
-            m_ConnectionDB.ResetPendingCount(key);
-            continue;
+        if (m_bStopRequested) return;
+        try {
+            PingEmp(proxy, key);
+        } catch (...) {
+            PING_LOG(LEVEL_ERROR, "The ping of EMP [%s] was not completed.", key.first.c_str());
         }
-        const int nPrevious = m_ConnectionDB.IncreasePendingCount(key);
-        if (nPrevious <= EMP_MAX_PENDING_COUNT) continue;
-
-        VOK_LOG_AS(kOperation, LEVEL_ERROR, "[%s] Exceed EMP_MAX_PENDING_COUNT!!!!! [%d]",
-                   key.first.c_str(), nPrevious);
-        SendCallbackNotification(key);
-        m_ConnectionDB.ResetPendingCount(key);
     }
-    VOK_LOG_AS(kOperation, LEVEL_DETAIL, "End");
+    PING_LOG(LEVEL_DETAIL, "End");
+}
+
+/// EMPs with a process of their own are not pinged: their end is noticed by itself.
+void CBroker::PingEmp(CBrokerProxyEmp& proxy, const ConnectionKey& key) {
+    const eEmpLocation location = WhereIsEMP(key.first);
+    if (location == EMPLOCATION_EXTERNAL) return;
+
+    (void)proxy.SetIP(GetEmpIP(location));
+    (void)proxy.SetPortInfo(key.second);
+    if (proxy.Ping(paths::kBrokerSocket)) {
+        m_ConnectionDB.ResetPendingCount(key);
+        return;
+    }
+    const int nPrevious = m_ConnectionDB.IncreasePendingCount(key);
+    if (nPrevious <= EMP_MAX_PENDING_COUNT) return;
+
+    PING_LOG(LEVEL_ERROR, "[%s] Exceed EMP_MAX_PENDING_COUNT!!!!! [%d]", key.first.c_str(),
+             nPrevious);
+    SendCallbackNotification(key);
+    m_ConnectionDB.ResetPendingCount(key);
 }
 
 }  // namespace vok

@@ -164,9 +164,9 @@ void CBroker::RemoveLauncherInfo(std::string strName, std::string strPort) {
         bool bClosed = false;
         try {
             bClosed = CloseEmp(info);
-        } catch (const std::exception& e) {
+        } catch (...) {
             // The others are closed all the same, and the launcher goes.
-            VOK_LOG(LEVEL_ERROR, "EMP [%s] was not closed: %s", info.empName.c_str(), e.what());
+            VOK_LOG(LEVEL_ERROR, "EMP [%s] was not closed.", info.empName.c_str());
         }
         VOK_LOG(LEVEL_DETAIL, "[StopVokLauncherServer] -> Close EMP, Result:[%d].", bClosed);
     }
