@@ -111,6 +111,9 @@ void CAdminServer::Serve() {
 
 void CAdminServer::PreparePath() const {
     const std::string strFolder = std::filesystem::path(m_strPath).parent_path();
+    if (m_strPath.size() >= sizeof sockaddr_un{}.sun_path)
+        throw std::system_error(ENAMETOOLONG, std::generic_category(), "unix(7)");
+
     struct stat info {};
     if (::mkdir(strFolder.c_str(), 0755) != 0 && errno != EEXIST) ThrowErrno(strFolder);
     if (::lstat(strFolder.c_str(), &info) != 0) ThrowErrno(strFolder);

@@ -60,8 +60,8 @@ struct IProcesses {
 struct IClock {
     virtual ~IClock() = default;
     virtual void Sleep(std::chrono::microseconds time) = 0;
-    /// Sleeps until `condition` is notified, at most for `time`; true when it was. The caller has
-    /// announced itself as its waiter.
+    /// Sleeps until `condition` is notified, at most for `time`, which is not 0; true when it was.
+    /// The caller has announced itself as its waiter.
     virtual bool SleepUnlessNotified(CVokCondition& condition, std::chrono::milliseconds time) = 0;
 };
 

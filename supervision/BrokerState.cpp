@@ -1,5 +1,5 @@
 // What the broker knows at this moment, for those who look after the set.
-#include <boost/locale/encoding_utf.hpp>
+#include <boost/locale/utf.hpp>
 
 #include <algorithm>
 
@@ -14,7 +14,22 @@ namespace {
 
 /// Names and ports come from peers as any bytes; what leaves as text is UTF-8, as readers expect.
 std::string Text(const std::string& strBytes) {
-    return boost::locale::conv::utf_to_utf<char>(strBytes);  // drops what is none
+    using boost::locale::utf::code_point;
+    using Traits = boost::locale::utf::utf_traits<char>;
+    constexpr char kReplacement[] = "\xef\xbf\xbd";  // U+FFFD, for each byte that is none
+
+    std::string strText;
+    for (auto it = strBytes.begin(); it != strBytes.end();) {
+        const auto start = it;
+        const code_point nCode = Traits::decode(it, strBytes.end());
+        if (nCode == boost::locale::utf::illegal || nCode == boost::locale::utf::incomplete) {
+            strText += kReplacement;
+            it = start + 1;
+        } else {
+            strText.append(start, it);
+        }
+    }
+    return strText;
 }
 
 std::vector<std::string> Texts(const std::set<std::string>& setBytes) {

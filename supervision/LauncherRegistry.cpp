@@ -76,7 +76,7 @@ void CBroker::InsertGroupingEMP(const std::string& strGroupName, const std::stri
         it = m_mapGroupingEmp.try_emplace({strGroupName, strPort}).first;
     it->second.insert(setEmp.begin(), setEmp.end());
     VOK_LOG(LEVEL_EVENT, "Grouping EMP [%s|%s] hosts [%d] EMPs.", strGroupName.c_str(),
-            strPort.c_str(), static_cast<int>(setEmp.size()));
+            it->first.second.c_str(), static_cast<int>(it->second.size()));
 }
 
 bool CBroker::RegisterEMP(const std::string& strEmp, const std::string& strLauncherPort) {
