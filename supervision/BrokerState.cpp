@@ -130,7 +130,8 @@ void CBroker::DescribeMounts(std::vector<admin::MountState>& mounts) {
         admin::MountState& mount = mounts.emplace_back();
         mount.image = Text(strImage);
         mount.count = nCount;
-        mount.mounted = GetEmpLocationType(strImage) == EMPFILE_MOUNTED;
+        mount.mounted = paths::IsFileName(strImage) &&
+                        m_Platform.pFiles->Exists(paths::DownloadedProgram(strImage).c_str());
     }
 }
 
