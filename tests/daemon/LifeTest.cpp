@@ -249,7 +249,8 @@ TEST_P(LifeTakenPortTest, EndsAndTellsWhy) {
         if (line.nLevel == LEVEL_ERROR) errors.push_back(line.strFunction + ": " + line.strMessage);
     EXPECT_THAT(
         errors,
-        ElementsAre(StartsWith("BrokerServer: The broker cannot serve on 127.0.0.1:50000: ")));
+        ElementsAre(StartsWith("BrokerServer: The broker cannot serve on 127.0.0.1:50000: "),
+                    "StartServer: Fail to start [Broker-Server]."));
     EXPECT_FALSE(IsFlagThere()) << "no broker serves, whose flag it could be";
 }
 
@@ -456,8 +457,8 @@ TEST(Life, OnlyTheMainThreadTakesTheStopSignal) {
 // The kernel gives a connection the first of these ports that is free: whoever tries to connect to
 // the broker's before somebody listens there is connected to himself.
 TEST(Life, StartsWhenConnectionsAreGivenItsPort) {
-    // A connection that the daemon's end has cut would otherwise hold the port for a minute, and the
-    // trap would be given the other one.
+    // A connection that the daemon's end has cut would otherwise hold the port for a minute, and
+    // the trap would be given the other one.
     ASSERT_NO_FATAL_FAILURE(WriteFile("/proc/sys/net/ipv4/tcp_max_tw_buckets", "0"));
     ASSERT_NO_FATAL_FAILURE(
         WriteFile("/proc/sys/net/ipv4/ip_local_port_range",

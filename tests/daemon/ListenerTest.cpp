@@ -235,6 +235,16 @@ TEST_F(ListenerTest, SurvivesClientsThatGoAtOnce) {
     ExpectAsBefore();
 }
 
+TEST_F(ListenerTest, WhatTheRpcLibrarySaysIsLogged) {
+    ASSERT_NO_FATAL_FAILURE(Start());
+    CBrokerClient client;
+    client.SendRaw("GET / HTTP/1.0\r\n\r\n");
+    EXPECT_TRUE(m_Daemon.WaitForLine(
+        LEVEL_DETAIL, "RpcLibrary",
+        "TConnectedClient processing exception: TProtocolException: Exceeded size limit"))
+        << m_Daemon.Log();
+}
+
 struct GarbageCase {
     const char* szName;
     std::string strBytes;

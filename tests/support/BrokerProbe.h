@@ -47,6 +47,10 @@ struct BrokerProbe {
         broker.m_mapRegisterEmp[{strLauncher, strPort}] = setEmp;
     }
 
+    static LauncherTable Groups(CBroker& broker) {
+        const CLock lock{broker.m_mtxGroupingEmp};
+        return broker.m_mapGroupingEmp;
+    }
     static LauncherTable Launchers(CBroker& broker) {
         const CLock lock{broker.m_mtxRegisterEmp};
         return broker.m_mapRegisterEmp;
@@ -64,9 +68,16 @@ struct BrokerProbe {
     static std::string ChoosePluginImage(CBroker& broker, double dUpdate, double dBuiltIn) {
         return broker.ChoosePluginImage(dUpdate, dBuiltIn);
     }
+    static void ReadGroupingEmps(CBroker& broker) { broker.ReadGroupingEmps(); }
+    static void LaunchPings(CBroker& broker) { broker.LaunchPings(); }
+    static void LaunchAdminServer(CBroker& broker) { broker.LaunchAdminServer(); }
     static bool RaiseReadyFlag(CBroker& broker) { return broker.RaiseReadyFlag(); }
     static bool LowerReadyFlag(CBroker& broker) { return broker.LowerReadyFlag(); }
     static void AwaitStop(CBroker& broker) { broker.AwaitStop(); }
+
+    static bool LaunchThread(CBroker& broker, void (*pBody)(CBroker&)) {
+        return broker.LaunchThread("test", pBody);
+    }
 };
 
 }  // namespace vok

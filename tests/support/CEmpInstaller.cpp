@@ -71,6 +71,10 @@ void Run(const std::vector<std::string>& command) {
     if (nStatus != 0) throw std::runtime_error(command[0] + " failed");
 }
 
+fs::path ImageContent(const std::string& strEmp) {
+    return "/run/images/" + strEmp;
+}
+
 }  // namespace
 
 CEmpBehaviour& CEmpBehaviour::With(const std::string& strKey, const std::string& strValue) {
@@ -105,18 +109,9 @@ void CEmpInstaller::Preinstall(const std::string& strEmp, const CEmpBehaviour& b
 }
 
 void CEmpInstaller::InstallImage(const std::string& strEmp, const CEmpBehaviour& behaviour) {
-    const fs::path folder = "/run/images/" + strEmp;
-    fs::create_directories(folder);
-    WriteText(folder / "behaviour", behaviour.Text());
-    const fs::path program = folder / ("emp" + strEmp);
-    if (!fs::exists(program))
-        LinkProgram(BuiltProgram("fake-emp"), "/run/programs/fake-emp", program);
-
-    const fs::path image = ImagePath(strEmp);
-    fs::create_directories(image.parent_path());
-    fs::remove(image);
-    Run({"mksquashfs", folder, image, "-noappend", "-quiet", "-no-progress", "-noI", "-noD", "-noF",
-         "-noX"});
+    fs::create_directories(ImageContent(strEmp));
+    WriteText(ImageContent(strEmp) / "behaviour", behaviour.Text());
+    InstallImageCopy(strEmp, "fake-emp");
 }
 
 void CEmpInstaller::PreinstallFile(const std::string& strEmp, const std::string& strContent,
@@ -131,6 +126,20 @@ void CEmpInstaller::PreinstallCopy(const std::string& strEmp, const std::string&
     const fs::path program = ProgramPath(strEmp);
     fs::create_directories(program.parent_path());
     LinkProgram(BuiltProgram(strProgram), "/usr/bin/emps/.programs/" + strProgram, program);
+}
+
+void CEmpInstaller::InstallImageCopy(const std::string& strEmp, const std::string& strProgram) {
+    const fs::path folder = ImageContent(strEmp);
+    fs::create_directories(folder);
+    const fs::path program = folder / ("emp" + strEmp);
+    if (!fs::exists(program))
+        LinkProgram(BuiltProgram(strProgram), "/run/programs/" + strProgram, program);
+
+    const fs::path image = ImagePath(strEmp);
+    fs::create_directories(image.parent_path());
+    fs::remove(image);
+    Run({"mksquashfs", folder, image, "-noappend", "-quiet", "-no-progress", "-noI", "-noD", "-noF",
+         "-noX"});
 }
 
 std::string CEmpInstaller::ProgramPath(const std::string& strEmp) {

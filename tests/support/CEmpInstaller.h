@@ -55,6 +55,8 @@ public:
     /// A copy of another program as preinstalled program; a path relative to the folder of the test
     /// binary.
     static void PreinstallCopy(const std::string& strEmp, const std::string& strProgram);
+    /// The same as squashfs image.
+    static void InstallImageCopy(const std::string& strEmp, const std::string& strProgram);
 
     static std::string ProgramPath(const std::string& strEmp);
     static std::string ImagePath(const std::string& strEmp);

@@ -5,35 +5,18 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
-#include <thrift/transport/TServerSocket.h>
 
-#include <future>
-#include <ostream>
-#include <stdexcept>
+#include <algorithm>
+#include <cerrno>
+#include <map>
 #include <system_error>
 #include <utility>
 
+#include "VokEmp.h"
+#include "tests/support/FakeServer.h"
+
 namespace vok::test {
 namespace {
-
-using apache::thrift::server::TServerEventHandler;
-using apache::thrift::transport::TServerSocket;
-
-/// Tells the port once the server listens.
-class CPortTeller : public TServerEventHandler {
-public:
-    explicit CPortTeller(std::shared_ptr<TServerSocket> pSocket) : m_pSocket(std::move(pSocket)) {}
-
-    int Await() { return m_Port.get_future().get(); }
-
-    void preServe() override { m_Port.set_value(m_pSocket->getPort()); }
-
-private:
-    std::shared_ptr<TServerSocket> m_pSocket;
-    std::promise<int> m_Port;
-};
 
 void Check(bool bDone, const char* szWhat) {
     if (!bDone) throw std::system_error(errno, std::generic_category(), szWhat);
@@ -66,66 +49,49 @@ class CFakeEmp::CHandler : public VokEmpIf {
 public:
     int32_t Open(const std::string& strClientID, const std::string& strName,
                  const std::string& strVersion, const std::string& strCredential) override {
+        record.Take({"Open", {strClientID, strName, strVersion, strCredential}});
         const std::lock_guard<std::mutex> lock{m_Mutex};
-        Record({"Open", {strClientID, strName, strVersion, strCredential}});
         return m_nOpenAnswer;
     }
 
     int32_t Close(const std::string& strClientID, const EmpType::type eType) override {
+        record.Take({"Close", {strClientID, std::to_string(static_cast<int>(eType))}});
         const std::lock_guard<std::mutex> lock{m_Mutex};
-        Record({"Close", {strClientID, std::to_string(static_cast<int>(eType))}});
         return m_nCloseAnswer;
     }
 
     void Execute(std::string& strResult, const std::string& strClientID, const std::string& strCmd,
                  const std::string& strArg3, const std::string& strArg4, const std::string& strArg5,
                  const std::string& strArg6) override {
+        record.Take({"Execute", {strClientID, strCmd, strArg3, strArg4, strArg5, strArg6}});
         const std::lock_guard<std::mutex> lock{m_Mutex};
-        Record({"Execute", {strClientID, strCmd, strArg3, strArg4, strArg5, strArg6}});
         strResult = m_mapAnswer[strCmd];
     }
 
     void ExecuteWithParamList(std::string& strResult, const std::string& strClientID,
                               const std::string& strCmd, const ParamList& params) override {
-        const std::lock_guard<std::mutex> lock{m_Mutex};
         EmpCall call{"ExecuteWithParamList", {strClientID, strCmd}};
         call.arguments.insert(call.arguments.end(), params.params.begin(), params.params.end());
-        Record(std::move(call));
+        record.Take(call);
+        const std::lock_guard<std::mutex> lock{m_Mutex};
         strResult = m_mapAnswer[strCmd];
     }
 
+    CCallRecord<EmpCall> record;
     std::mutex m_Mutex;  // guards all that follows
     int m_nOpenAnswer = 1;
     int m_nCloseAnswer = 0;
     std::map<std::string, std::string> m_mapAnswer{{"Ping", "1"}};
-    std::string m_strFailure;
-    std::vector<EmpCall> m_Calls;
-
-private:
-    void Record(EmpCall call) {
-        m_Calls.push_back(std::move(call));
-        if (!m_strFailure.empty()) throw std::runtime_error(m_strFailure);
-    }
 };
 
-CFakeEmp::CFakeEmp() : m_pHandler(std::make_shared<CHandler>()) {
-    using apache::thrift::protocol::TBinaryProtocolFactory;
-    using apache::thrift::server::TThreadedServer;
-    using apache::thrift::transport::TBufferedTransportFactory;
+CFakeEmp::CFakeEmp()
+    : m_pHandler(std::make_shared<CHandler>()),
+      m_pServer(std::make_unique<CFakeServer>(std::make_shared<VokEmpProcessor>(m_pHandler))) {}
 
-    const auto pSocket = std::make_shared<TServerSocket>("127.0.0.1", 0);
-    const auto pTeller = std::make_shared<CPortTeller>(pSocket);
-    m_pServer = std::make_unique<TThreadedServer>(
-        std::make_shared<VokEmpProcessor>(m_pHandler), pSocket,
-        std::make_shared<TBufferedTransportFactory>(), std::make_shared<TBinaryProtocolFactory>());
-    m_pServer->setServerEventHandler(pTeller);
-    m_Thread = std::thread([this] { m_pServer->serve(); });
-    m_nPort = pTeller->Await();
-}
+CFakeEmp::~CFakeEmp() = default;
 
-CFakeEmp::~CFakeEmp() {
-    m_pServer->stop();
-    m_Thread.join();
+int CFakeEmp::Port() const {
+    return m_pServer->Port();
 }
 
 void CFakeEmp::AnswerOpen(int nAnswer) {
@@ -144,22 +110,26 @@ void CFakeEmp::AnswerExecute(const std::string& strCmd, const std::string& strAn
 }
 
 void CFakeEmp::FailCalls(const std::string& strText) {
-    const std::lock_guard<std::mutex> lock{m_pHandler->m_Mutex};
-    m_pHandler->m_strFailure = strText;
+    m_pHandler->record.FailCalls(strText);
+}
+
+void CFakeEmp::OnCall(std::function<void(const EmpCall&)> hook) {
+    m_pHandler->record.OnCall(std::move(hook));
 }
 
 std::vector<EmpCall> CFakeEmp::Calls() const {
-    const std::lock_guard<std::mutex> lock{m_pHandler->m_Mutex};
-    return m_pHandler->m_Calls;
+    return m_pHandler->record.Calls();
 }
 
 void CFakeEmp::ForgetCalls() {
-    const std::lock_guard<std::mutex> lock{m_pHandler->m_Mutex};
-    m_pHandler->m_Calls.clear();
+    m_pHandler->record.ForgetCalls();
 }
 
 CRawPeer::CRawPeer(std::string strReply)
-    : m_strReply(std::move(strReply)),
+    : CRawPeer(std::vector<std::string>{std::move(strReply)}) {}
+
+CRawPeer::CRawPeer(std::vector<std::string> replies)
+    : m_Replies(std::move(replies)),
       m_Listener(BindLoopback(&m_nPort)),
       m_Stop(::eventfd(0, EFD_CLOEXEC)) {
     Check(m_Stop.IsOpen(), "eventfd");
@@ -172,8 +142,18 @@ CRawPeer::~CRawPeer() {
     m_Thread.join();
 }
 
+std::vector<std::string> CRawPeer::Requests() const {
+    const std::lock_guard<std::mutex> lock{m_Mutex};
+    return m_Requests;
+}
+
+void CRawPeer::Record(const char* pData, ssize_t nSize) {
+    const std::lock_guard<std::mutex> lock{m_Mutex};
+    m_Requests.emplace_back(pData, nSize > 0 ? static_cast<std::size_t>(nSize) : 0);
+}
+
 void CRawPeer::Serve() {
-    for (;;) {
+    for (std::size_t nPeer = 0;;) {
         pollfd fds[] = {{m_Stop.Get(), POLLIN, 0}, {m_Listener.Get(), POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0) continue;
         if (fds[0].revents) return;
@@ -184,8 +164,9 @@ void CRawPeer::Serve() {
         pollfd fdsPeer[] = {{m_Stop.Get(), POLLIN, 0}, {peer.Get(), POLLIN, 0}};
         (void)::poll(fdsPeer, 2, -1);  // whatever woke it, the test has what it came for
         if (fdsPeer[0].revents) return;
-        (void)::recv(peer.Get(), szRequest, sizeof(szRequest), 0);
-        (void)::send(peer.Get(), m_strReply.data(), m_strReply.size(), MSG_NOSIGNAL);
+        Record(szRequest, ::recv(peer.Get(), szRequest, sizeof(szRequest), 0));
+        const std::string& strReply = m_Replies[std::min(nPeer++, m_Replies.size() - 1)];
+        (void)::send(peer.Get(), strReply.data(), strReply.size(), MSG_NOSIGNAL);
     }
 }
 

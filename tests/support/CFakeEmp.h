@@ -1,9 +1,9 @@
 /// EMP servers inside the test's process.
 #pragma once
 
-#include <thrift/server/TThreadedServer.h>
+#include <sys/types.h>
 
-#include <map>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -11,10 +11,11 @@
 #include <thread>
 #include <vector>
 
-#include "VokEmp.h"
 #include "platform/CUniqueFd.h"
 
 namespace vok::test {
+
+class CFakeServer;
 
 /// One call as the EMP received it.
 struct EmpCall {
@@ -40,8 +41,8 @@ public:
     CFakeEmp(const CFakeEmp&) = delete;
     CFakeEmp& operator=(const CFakeEmp&) = delete;
 
-    int Port() const { return m_nPort; }
-    std::string PortText() const { return std::to_string(m_nPort); }
+    int Port() const;
+    std::string PortText() const { return std::to_string(Port()); }
 
     /// The answers; at first 1 to `Open`, 0 to `Close`, "1" to the command "Ping" and "" to others.
     /// A command's answer counts for both kinds of `Execute`.
@@ -52,6 +53,8 @@ public:
     /// From now on every call is recorded and then fails: its caller gets a TApplicationException
     /// with this text.
     void FailCalls(const std::string& strText);
+    /// Runs with every call before its answer is looked up, on the thread that serves it.
+    void OnCall(std::function<void(const EmpCall&)> hook);
 
     /// In the order in which they came.
     std::vector<EmpCall> Calls() const;
@@ -61,9 +64,7 @@ private:
     class CHandler;
 
     std::shared_ptr<CHandler> m_pHandler;
-    std::unique_ptr<apache::thrift::server::TThreadedServer> m_pServer;
-    int m_nPort = 0;
-    std::thread m_Thread;
+    std::unique_ptr<CFakeServer> m_pServer;
 };
 
 /// A peer that accepts connections, waits for a request and then does not do what the protocol asks
@@ -72,6 +73,8 @@ class CRawPeer {
 public:
     /// Sends `strReply` (nothing when empty) and closes the connection.
     explicit CRawPeer(std::string strReply);
+    /// Sends one of them on each connection in turn, the last one from then on.
+    explicit CRawPeer(std::vector<std::string> replies);
     ~CRawPeer();
     CRawPeer(const CRawPeer&) = delete;
     CRawPeer& operator=(const CRawPeer&) = delete;
@@ -79,11 +82,17 @@ public:
     int Port() const { return m_nPort; }
     std::string PortText() const { return std::to_string(m_nPort); }
 
+    /// What the first read of each connection has brought.
+    std::vector<std::string> Requests() const;
+
 private:
     void Serve();
+    void Record(const char* pData, ssize_t nSize);
 
-    const std::string m_strReply;
-    int m_nPort = 0;  // before the socket, which sets it
+    const std::vector<std::string> m_Replies;
+    mutable std::mutex m_Mutex;
+    std::vector<std::string> m_Requests;  // guarded by m_Mutex
+    int m_nPort = 0;                      // before the socket, which sets it
     CUniqueFd m_Listener;
     CUniqueFd m_Stop;  // an eventfd
     std::thread m_Thread;

@@ -11,13 +11,13 @@
 
 #include "platform/Move.h"
 #include "tests/support/CLogCapture.h"
+#include "tests/support/LogLines.h"
 
 namespace vok {
 namespace {
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 /// Two file systems: the source's with room enough, the target's with half a mebibyte.
@@ -41,6 +41,10 @@ protected:
     static std::string ReadFile(const std::string& strPath) {
         std::ifstream file(strPath);
         return {std::istreambuf_iterator<char>(file), {}};
+    }
+    void ExpectFailure(const std::string& strReason) {
+        EXPECT_THAT(test::LogLines(m_Log), ElementsAre("0 Move: Moving [" + m_strFrom + "] to [" +
+                                                       m_strTo + "] failed: [" + strReason + "]."));
     }
     std::vector<std::string> TargetFiles() const {
         std::vector<std::string> names;
@@ -91,7 +95,7 @@ TEST_F(MoveAcross, FullDiskLeavesBothAsTheyWere) {
     EXPECT_EQ(ReadFile(m_strFrom), strText);
     EXPECT_EQ(ReadFile(m_strTo), "old");
     EXPECT_THAT(TargetFiles(), ElementsAre("to"));
-    EXPECT_THAT(m_Log.Text(), HasSubstr("No space left on device"));
+    ExpectFailure("No space left on device");
 }
 
 TEST_F(MoveAcross, SourceThatCannotGoIsNotCopied) {
@@ -101,7 +105,20 @@ TEST_F(MoveAcross, SourceThatCannotGoIsNotCopied) {
     EXPECT_FALSE(Move(m_strFrom, m_strTo));
     EXPECT_EQ(ReadFile(m_strTo), "old");
     EXPECT_EQ(ReadFile(m_strFrom), "new");
-    EXPECT_THAT(m_Log.Text(), HasSubstr("Read-only file system"));
+    ExpectFailure("Read-only file system");
+}
+
+TEST_F(MoveAcross, SourceThatIsBusyStaysBesideItsCopy) {
+    WriteFile(m_strFrom, "new");
+    WriteFile(m_strTo, "old");
+    ASSERT_EQ(::mount(m_strFrom.c_str(), m_strFrom.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_TRUE(Move(m_strFrom, m_strTo)) << "the target is what callers go on with";
+    EXPECT_EQ(::umount(m_strFrom.c_str()), 0);
+    EXPECT_EQ(ReadFile(m_strTo), "new");
+    EXPECT_EQ(ReadFile(m_strFrom), "new");
+    EXPECT_THAT(test::LogLines(m_Log), ElementsAre("1 Move: [" + m_strFrom +
+                                                   "] stays beside its copy: [Device or resource "
+                                                   "busy]."));
 }
 
 TEST_F(MoveAcross, FolderIsNoTarget) {

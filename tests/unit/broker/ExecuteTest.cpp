@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "tests/support/BrokerTest.h"
+#include "tests/support/CFakeEmp.h"
 
 namespace vok {
 namespace {
 
 using namespace test;
-using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Key;
@@ -200,21 +200,31 @@ TEST_F(ExecuteTest, ReportWithAGarbledSerialThrowsToTheRpcLayer) {
 }
 
 TEST_F(ExecuteTest, GroupingReportIsConfirmed) {
+    BrokerProbe::SetGroup(m_Broker, "Group", "N/A", {"Weather"});
+
     EXPECT_EQ(Execute("", kGrouping, "Group", "5000"), "ConfirmComplete");
 
-    EXPECT_TRUE(HasLinesOf(m_Log, "ConfirmGroupingEmpServer"));
+    EXPECT_THAT(BrokerProbe::Groups(m_Broker),
+                ElementsAre(Pair(Pair("Group", "5000"), ElementsAre("Weather"))));
     EXPECT_THAT(Lines(), ElementsAre(kGroupingHead,
                                      "4 Grouping EMP Server name[Group],  port/path:[5000], "
                                      "strCmd:[__BROKER_CMD_NOTIFY_GROUPINGEMP_SERVER]"));
     EXPECT_EQ(ThreadName(), m_strFormerName);
 }
 
+TEST_F(ExecuteTest, GroupingReportOfAnUnknownGroupIsConfirmedAndAddsNothing) {
+    EXPECT_EQ(Execute("", kGrouping, "Group", "5000"), "ConfirmComplete");
+
+    EXPECT_THAT(BrokerProbe::Groups(m_Broker), IsEmpty());
+}
+
 // ---- Launchers ----
 
-TEST_F(ExecuteTest, LauncherRegistrationIsAnswered) {
-    EXPECT_THAT(Execute("7", kLauncher, "Launcher", "5000"), AnyOf("Done", "Error"));
+TEST_F(ExecuteTest, LauncherWithAnUnknownOptionIsDoneAndChangesNothing) {
+    EXPECT_EQ(Execute("7", kLauncher, "Launcher", "5000"), "Done");
 
-    EXPECT_TRUE(HasLinesOf(m_Log, "UpdateLauncherInfo"));
+    EXPECT_THAT(LinesOf(m_Log, "UpdateLauncherInfo"), ElementsAre("0 Unknown option:[7]."));
+    EXPECT_THAT(BrokerProbe::Launchers(m_Broker), IsEmpty());
     EXPECT_THAT(Lines(), ElementsAre(kLauncherHead,
                                      "4 Launcher Info:[Launcher|5000], "
                                      "strCmd:[__BROKER_CMD_NOTIFY_REGISTEREMP_SERVER]"));
@@ -240,22 +250,52 @@ TEST_F(ExecuteTest, UnregistrationWithAnUnknownLauncherIsAnError) {
 
 // ---- Closing everything ----
 
-TEST_F(ExecuteTest, CloseAllIsPassedOn) {
-    EXPECT_EQ(Execute("40001", kCloseAll, "app", "widget"), "");
+/// An EMP with two clients, of which the first belongs to the application "app", "widget".
+class ExecuteCloseAllTest : public ExecuteTest {
+protected:
+    ExecuteCloseAllTest() {
+        m_Fake.AddPreinstalled("Weather");
+        AddKnown("Weather", "0002", EMP_OPENED);
+        for (const char* szClient : {"40001", "40002"})
+            ConnectionDB().AddConnectionData(m_Key, szClient);
+        m_Emp.OnCall([this](const EmpCall& call) {
+            const EmpCall owner{"Execute", {"40001", "CompareAppID", "app", "widget", "", ""}};
+            m_Emp.AnswerExecute("CompareAppID", call == owner ? "EMP_OWNS_APP_ID" : "no");
+        });
+        m_Log.Clear();
+    }
 
-    EXPECT_TRUE(HasLinesOf(m_Log, "CloseAllEmpWithAppID"));
-    EXPECT_EQ(ThreadName(), "B-E-CloseAllEm");
+    CFakeEmp m_Emp;
+    const ConnectionKey m_Key{"Weather", m_Emp.PortText()};
+};
+
+TEST_F(ExecuteCloseAllTest, ConnectionsOfTheApplicationAreClosed) {
+    EXPECT_EQ(Execute("40009", kCloseAll, "app", "widget"), "");
+
+    EXPECT_THAT(ConnectionDB().GetClientPortNumList(m_Key), ElementsAre("40002"));
+    EXPECT_EQ(LinesOf(m_Log, "CloseAllEmpWithAppID").back(), "4 End with retCnt:[1]");
     EXPECT_THAT(Lines(), ElementsAre("4 Port/Path:[app] , strCmd:[CloseAllEmpWithAppID ]",
                                      "4 ThreadName:[B-E-CloseAllEm] len:[14]"));
 }
 
-TEST_F(ExecuteTest, PrepareToCloseIsPassedOn) {
-    EXPECT_EQ(Execute("40001", kPrepare, "app", "widget"), "");
+TEST_F(ExecuteCloseAllTest, PrepareToCloseClosesThemAsWell) {
+    EXPECT_EQ(Execute("40009", kPrepare, "app", "widget"), "");
 
-    EXPECT_TRUE(HasLinesOf(m_Log, "CloseAllEmpWithAppID"));
-    EXPECT_EQ(ThreadName(), "B-E-CloseAllEm");
-    EXPECT_THAT(Lines(), ElementsAre("4 Port/Path:[40001], strCmd:[__CLIENT_CMD_PREPARE_TO_CLOSE]",
+    EXPECT_THAT(ConnectionDB().GetClientPortNumList(m_Key), ElementsAre("40002"));
+    EXPECT_EQ(LinesOf(m_Log, "CloseAllEmpWithAppID").back(), "4 End with retCnt:[1]");
+    EXPECT_THAT(Lines(), ElementsAre("4 Port/Path:[40009], strCmd:[__CLIENT_CMD_PREPARE_TO_CLOSE]",
                                      "4 ThreadName:[B-E-CloseAllEm] len:[14]"));
+}
+
+TEST_F(ExecuteTest, CloseAllWithoutConnectionsNamesItsThread) {
+    for (const char* szCommand : {kCloseAll, kPrepare}) {
+        SCOPED_TRACE(szCommand);
+        m_Log.Clear();
+        ThreadMaker::NameThisThread("former");
+        EXPECT_EQ(Execute("40001", szCommand, "app", "widget"), "");
+        EXPECT_EQ(ThreadName(), "B-E-CloseAllEm");  // a close would give it another name
+        EXPECT_EQ(LinesOf(m_Log, "CloseAllEmpWithAppID").back(), "4 End with retCnt:[0]");
+    }
 }
 
 // ---- Stopping an EMP ----

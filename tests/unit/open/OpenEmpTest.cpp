@@ -9,6 +9,8 @@
 #include "broker/Globals.h"
 #include "platform/Limits.h"
 #include "tests/support/BrokerTest.h"
+#include "tests/support/CFakeEmp.h"
+#include "tests/support/CFakeLauncher.h"
 
 namespace vok {
 namespace {
@@ -665,6 +667,64 @@ TEST_F(OpenEmpTest, RegisterEmpWithoutALauncherPortFails) {
                             "4 Nothing to do with Mount/UMount.",
                             "0 UNEXPECTED ERROR:[Start Emp failed] OCCURED. EmpName:[Weather] "
                             "bIsNew:[1]."));
+}
+
+TEST_F(OpenEmpTest, GroupingEmpIsOpenedByItsRunningGroup) {
+    CFakeLauncher group;
+    group.OnOpen([this](const LauncherOpen& open) {
+        Report(std::to_string(open.nTicketSerial), "40123|777", "0001");
+    });
+    BrokerProbe::SetGroup(m_Broker, "Group", group.PortText(), {"Clock", "Weather"});
+    m_Fake.AddMounted("Group");
+
+    EXPECT_EQ(Open("Weather"), Info("Weather", "40001", "40123", 2, "127.0.0.1"));
+    EXPECT_EQ(Open("Clock", "/tmp/client"), Info("Clock", "/tmp/client", "40123", 3, "127.0.0.1"));
+
+    EXPECT_THAT(group.Opens(), ElementsAre(LauncherOpen{"Weather", 2, "40001"},
+                                           LauncherOpen{"Clock", 3, "/tmp/client"}));
+    EXPECT_THAT(m_Fake.processes.Forks(), IsEmpty());
+    EXPECT_THAT(MountCounts(), ElementsAre(Pair("Group", 2)));
+}
+
+TEST_F(OpenEmpTest, GroupingEmpThatItsRunningGroupRefusesFails) {
+    CFakeLauncher group;
+    group.Answer(0);
+    BrokerProbe::SetGroup(m_Broker, "Group", group.PortText(), {"Weather"});
+
+    EXPECT_EQ(Open("Weather"), kInvalid);
+
+    EXPECT_THAT(group.Opens(), ElementsAre(LauncherOpen{"Weather", 2, "40001"}));
+    EXPECT_THAT(m_Fake.processes.Forks(), IsEmpty());
+    EXPECT_THAT(Tickets(), IsEmpty());
+    EXPECT_EQ(Lines().back(),
+              "0 UNEXPECTED ERROR:[Start Emp failed] OCCURED. EmpName:[Weather] bIsNew:[1].");
+}
+
+TEST_F(OpenEmpTest, RegisterEmpIsOpenedByItsLauncher) {
+    CFakeLauncher launcher;
+    launcher.OnOpen([this](const LauncherOpen& open) {
+        Report(std::to_string(open.nTicketSerial), "40123|777", "0001");
+    });
+    BrokerProbe::SetLauncher(m_Broker, "Launcher", launcher.PortText(), {"Weather"});
+
+    EXPECT_EQ(Open("Weather"), Info("Weather", "40001", "40123", 2, "127.0.0.1"));
+
+    EXPECT_THAT(launcher.Opens(), ElementsAre(LauncherOpen{"Weather", 2, "40001"}));
+    EXPECT_THAT(m_Fake.processes.Forks(), IsEmpty());
+    EXPECT_THAT(MountCounts(), IsEmpty());
+    EXPECT_THAT(ConnectionDB().GetClientPortNumList({"Weather", "40123"}), ElementsAre("40001"));
+}
+
+TEST_F(OpenEmpTest, RegisterEmpWhoseLauncherIsGoneFails) {
+    const CRefusedPort port;
+    BrokerProbe::SetLauncher(m_Broker, "Launcher", port.PortText(), {"Weather"});
+
+    EXPECT_EQ(Open("Weather"), kInvalid);
+
+    EXPECT_FALSE(EmpInfo().IsAdded("Weather"));
+    EXPECT_THAT(Tickets(), IsEmpty());
+    EXPECT_EQ(Lines().back(),
+              "0 UNEXPECTED ERROR:[Start Emp failed] OCCURED. EmpName:[Weather] bIsNew:[1].");
 }
 
 // ---- Undoing ----

@@ -13,6 +13,7 @@
 #include "platform/CUniqueFd.h"
 #include "tests/support/BrokerTest.h"
 #include "tests/support/CFakeEmp.h"
+#include "tests/support/CFakeLauncher.h"
 
 namespace vok {
 namespace {
@@ -125,8 +126,11 @@ TEST_F(StartEmpTest, GroupThatDoesNotAnswerIsResetAndForked) {
     EXPECT_TRUE(Start(EMPLOCATION_GROUPING));
 
     m_Fake.processes.AwaitForks(1);
-    EXPECT_TRUE(HasLinesOf(m_Log, "IsLauncherServerRunning"));
-    EXPECT_TRUE(HasLinesOf(m_Log, "ConfirmGroupingEmpServer"));
+    EXPECT_THAT(BrokerProbe::Groups(m_Broker),
+                ElementsAre(Pair(Pair("Group", "N/A"), ElementsAre("Weather"))));
+    EXPECT_THAT(LinesOf(m_Log, "IsLauncherServerRunning"),
+                ElementsAre(MatchesRegex("3 It seems something wrong with Server:\\[127.0.0.1," +
+                                         port.PortText() + "\\], ErrCode:\\[.+\\]")));
     EXPECT_THAT(Lines(),
                 ElementsAre("4 Maybe something wrong with [Group], reset the Map Info.",
                             "4 Launcher Server [Group] is running well.",  // always said
@@ -136,18 +140,74 @@ TEST_F(StartEmpTest, GroupThatDoesNotAnswerIsResetAndForked) {
                             "this process"));
 }
 
+TEST_F(StartEmpTest, GroupThatRunsIsAskedToOpen) {
+    CFakeLauncher group;
+    const std::string strPort = group.PortText();
+    BrokerProbe::SetGroup(m_Broker, "Group", strPort, {"Weather"});
+
+    EXPECT_TRUE(Start(EMPLOCATION_GROUPING));
+    group.Answer(0);
+    EXPECT_FALSE(Start(EMPLOCATION_GROUPING));
+
+    const LauncherOpen open{"Weather", 42, "40001"};
+    EXPECT_THAT(group.Opens(), ElementsAre(open, open));
+    EXPECT_THAT(m_Fake.processes.Forks(), IsEmpty());
+    EXPECT_THAT(BrokerProbe::Groups(m_Broker),
+                ElementsAre(Pair(Pair("Group", strPort), ElementsAre("Weather"))));
+    std::vector<std::string> lines = Lines();
+    ASSERT_THAT(lines, SizeIs(8));  // the same four, twice
+    lines.resize(4);
+    EXPECT_THAT(
+        lines,
+        ElementsAre("4 Launcher Server [Group] is running well.",
+                    "4 >>>>>>>>>emp is [Weather], Grouping EMP [Group]'s port is [" + strPort + "]",
+                    "4 EmpLauncher process is already running, send open function!",
+                    "4 After GetGroupingEmpInfo, groupingEmpName[Group], groupingEMPPort[" +
+                        strPort + "], empName[Weather]"));
+}
+
+TEST_F(StartEmpTest, GroupThatStopsMeanwhileFails) {
+    CFakeLauncher group;
+    BrokerProbe::SetGroup(m_Broker, "Group", group.PortText(), {"Weather"});
+    m_Log.Once("EmpLauncher process is already running, send open function!",
+               [&] { m_Broker.ConfirmGroupingEmpServer("Group", "N/A"); });
+
+    EXPECT_FALSE(Start(EMPLOCATION_GROUPING));
+
+    EXPECT_THAT(group.Opens(), IsEmpty());
+    EXPECT_EQ(Lines().back(),
+              "4 After GetGroupingEmpInfo, groupingEmpName[Group], groupingEMPPort[N/A], "
+              "empName[Weather]");
+}
+
 TEST_F(StartEmpTest, RegisterEmpGoesToItsLauncher) {
-    const CRefusedPort port;
-    BrokerProbe::SetLauncher(m_Broker, "Launcher", port.PortText(), {"Weather"});
+    CFakeLauncher launcher;
+    BrokerProbe::SetLauncher(m_Broker, "Launcher", launcher.PortText(), {"Weather"});
 
-    EXPECT_FALSE(Start(EMPLOCATION_REGISTER));  // which is not there
+    EXPECT_TRUE(Start(EMPLOCATION_REGISTER));
 
-    EXPECT_TRUE(HasLinesOf(m_Log, "SendOpenToEmpLauncher"));
+    EXPECT_THAT(launcher.Opens(), ElementsAre(LauncherOpen{"Weather", 42, "40001"}));
     EXPECT_THAT(Lines(),
                 ElementsAre("4 EMP is register emp, send open function to Register launcher!",
                             "4 After GetRegisterEMPInfo, RegisterEMPName[Launcher], "
                             "RegisterEMPPort[" +
-                                port.PortText() + "], empName[Weather]"));
+                                launcher.PortText() + "], empName[Weather]"));
+    EXPECT_THAT(m_Fake.processes.Forks(), IsEmpty());
+    launcher.Answer(0);
+    EXPECT_FALSE(Start(EMPLOCATION_REGISTER));
+}
+
+TEST_F(StartEmpTest, RegisterEmpWhoseLauncherIsGoneFails) {
+    const CRefusedPort port;
+    BrokerProbe::SetLauncher(m_Broker, "Launcher", port.PortText(), {"Weather"});
+
+    EXPECT_FALSE(Start(EMPLOCATION_REGISTER));
+
+    EXPECT_THAT(LinesOf(m_Log, "SendOpenToEmpLauncher"),
+                ElementsAre("4 Call EmpLauncher to start emp with name:Weather, cbSrvPath:40001, "
+                            "launcherPort:" +
+                                port.PortText(),
+                            MatchesRegex("0 Transport Error : \\[.+\\]")));
     EXPECT_THAT(m_Fake.processes.Forks(), IsEmpty());
 }
 
@@ -415,9 +475,12 @@ TEST_F(ExitEmpProcTest, ImageThatCannotBeUnmountedIsTold) {
 }
 
 TEST_F(ExitEmpProcTest, GroupIsMarkedAsNotRunningFirst) {
+    BrokerProbe::SetGroup(m_Broker, "Weather", "40123", {"Clock"});
+
     Exit(true);
 
-    EXPECT_TRUE(HasLinesOf(m_Log, "ConfirmGroupingEmpServer"));
+    EXPECT_THAT(BrokerProbe::Groups(m_Broker),
+                ElementsAre(Pair(Pair("Weather", "N/A"), ElementsAre("Clock"))));
     EXPECT_THAT(LinesOf(m_Log, "ExitEmpProc"),
                 ElementsAre("4 ==Enter ExitEmpProc==. ", "4 Reset Grouping EMP Port.",
                             "0 ### Emit SIGTERM to EMP:[Weather] pid:[777] ###",

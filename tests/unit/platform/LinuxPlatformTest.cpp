@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -19,6 +20,9 @@ namespace vok {
 namespace {
 
 using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Pair;
 
 class LinuxFiles : public ::testing::Test {
 protected:
@@ -105,6 +109,32 @@ TEST_F(LinuxFiles, CreateEmptyFollowsNoLink) {
     EXPECT_EQ(m_Files.SizeOf(m_strFile.c_str()), 4);
 }
 
+TEST_F(LinuxFiles, ReadTextIsWholeAndBounded) {
+    EXPECT_EQ(m_Files.ReadText(m_strFile.c_str(), 15), std::nullopt);
+    Write("first\nsecond\n");
+    EXPECT_EQ(m_Files.ReadText(m_strFile.c_str(), 15), "first\nsecond\n");
+    EXPECT_EQ(m_Files.ReadText(m_strFile.c_str(), 7), "first\ns");
+}
+
+TEST_F(LinuxFiles, ListIsInByteOrderAndWithoutDots) {
+    EXPECT_THAT(m_Files.List(m_Folder.Path().c_str()), IsEmpty());
+    for (const char* szName : {"empb", "empB", "emp10", "emp9", ".hidden", "emp\xc3\xa4"})
+        std::ofstream(m_Folder.Path(szName)) << "";
+    std::filesystem::create_directories(m_Folder.Path("empFolder/inside"));
+    ASSERT_EQ(::symlink("nowhere", m_Folder.Path("emplink").c_str()), 0);
+
+    EXPECT_THAT(m_Files.List(m_Folder.Path().c_str()),
+                ElementsAre(".hidden", "emp10", "emp9", "empB", "empFolder", "empb", "emplink",
+                            "emp\xc3\xa4"));
+}
+
+TEST_F(LinuxFiles, ListOfWhatIsNoFolderIsEmpty) {
+    EXPECT_THAT(m_Files.List(m_strFile.c_str()), IsEmpty());
+    Write("text");
+    EXPECT_THAT(m_Files.List(m_strFile.c_str()), IsEmpty());
+    EXPECT_THAT(m_Files.List(""), IsEmpty());
+}
+
 TEST_F(LinuxFiles, RemoveTellsWhetherItWasThere) {
     EXPECT_FALSE(m_Files.Remove(m_strFile.c_str()));
     EXPECT_TRUE(m_Files.Remove(Write("").c_str()));
@@ -143,9 +173,54 @@ TEST(LinuxClock, SleepsItsTimeThroughSignals) {
     EXPECT_GT(s_nHandled, 0);
 }
 
+TEST(LinuxClock, NotificationThatCameBeforeEndsTheSleep) {
+    CVokCondition condition;
+    condition.SetDoWaiting(true);
+    ASSERT_EQ(condition.NotifyOne(), 0);
+    EXPECT_TRUE(LinuxPlatform().pClock->SleepUnlessNotified(condition, 1h));
+}
+
+TEST(LinuxClock, NotificationEndsTheSleep) {
+    CVokCondition condition;
+    condition.SetDoWaiting(true);
+    std::thread notifier([&] { EXPECT_EQ(condition.NotifyOne(), 0); });
+    EXPECT_TRUE(LinuxPlatform().pClock->SleepUnlessNotified(condition, 1h));
+    notifier.join();
+}
+
+TEST(LinuxClock, SleepsItsTimeWithoutANotification) {
+    CVokCondition condition;
+    condition.SetDoWaiting(true);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(LinuxPlatform().pClock->SleepUnlessNotified(condition, 20ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+}
+
+TEST(LinuxKpi, ReadsNodesFromFiles) {
+    const test::CTemporaryFolder folder;
+    std::ofstream(folder.Path("policy")) << "<a><15_vok url='http://log'/></a>";
+    NodeAttributes attributes;
+    IKpi& kpi = *LinuxPlatform().pKpi;
+
+    EXPECT_TRUE(kpi.ParseNodeAttrFromXml(folder.Path("policy"), "15_vok", attributes));
+    EXPECT_THAT(attributes, ElementsAre(Pair("url", "http://log")));
+    EXPECT_FALSE(kpi.ParseNodeAttrFromXml(folder.Path("none"), "15_vok", attributes));
+}
+
+TEST(LinuxKpi, MakesLoggersOfTheirOwn) {
+    IKpi& kpi = *LinuxPlatform().pKpi;
+    const auto pFirst = kpi.CreateLogger();
+    const auto pSecond = kpi.CreateLogger();
+
+    ASSERT_NE(pFirst, nullptr);
+    ASSERT_NE(pSecond, nullptr);
+    EXPECT_NE(pFirst, pSecond);
+}
+
 TEST(LinuxPlatform, IsAlwaysTheSame) {
     EXPECT_EQ(LinuxPlatform().pFiles, LinuxPlatform().pFiles);
     EXPECT_EQ(LinuxPlatform().pClock, LinuxPlatform().pClock);
+    EXPECT_EQ(LinuxPlatform().pKpi, LinuxPlatform().pKpi);
 }
 
 }  // namespace

@@ -11,12 +11,13 @@
 #include "platform/Move.h"
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CTemporaryFolder.h"
+#include "tests/support/LogLines.h"
 
 namespace vok {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::HasSubstr;
+using ::testing::ElementsAre;
 
 void WriteFile(const std::string& strPath, const std::string& strText) {
     std::ofstream(strPath) << strText;
@@ -29,12 +30,9 @@ std::string ReadFile(const std::string& strPath) {
 
 class MoveTest : public ::testing::Test {
 protected:
-    void ExpectFailure(const std::string& strReason) {
-        ASSERT_EQ(m_Log.Records().size(), 1u) << m_Log.Text();
-        const test::LogRecord record = m_Log.Records()[0];
-        EXPECT_EQ(record.nLevel, LEVEL_ERROR);
-        EXPECT_EQ(record.Function(), "Move");
-        EXPECT_THAT(record.strMessage, HasSubstr(strReason));
+    void ExpectFailure(const std::string& strTo, const std::string& strReason) {
+        EXPECT_THAT(test::LogLines(m_Log), ElementsAre("0 Move: Moving [" + m_strFrom + "] to [" +
+                                                       strTo + "] failed: [" + strReason + "]."));
     }
 
     const test::CTemporaryFolder m_Folder;
@@ -68,7 +66,7 @@ TEST_F(MoveTest, MakesTheTargetsFolder) {
 TEST_F(MoveTest, MissingSourceFailsAndChangesNothing) {
     WriteFile(m_strTo, "old");
     EXPECT_FALSE(Move(m_strFrom, m_strTo));
-    ExpectFailure("No such file or directory");
+    ExpectFailure(m_strTo, "No such file or directory");
     EXPECT_EQ(ReadFile(m_strTo), "old");
 }
 
@@ -80,7 +78,7 @@ TEST_F(MoveTest, MissingSourceMakesNoFolder) {
 TEST_F(MoveTest, FolderIsNoSource) {
     fs::create_directory(m_strFrom);
     EXPECT_FALSE(Move(m_strFrom, m_strTo));
-    ExpectFailure("Is a directory");
+    ExpectFailure(m_strTo, "Is a directory");
     EXPECT_TRUE(fs::is_directory(m_strFrom));
     EXPECT_FALSE(fs::exists(m_strTo));
 }
@@ -95,7 +93,7 @@ TEST_F(MoveTest, FolderIsNoTarget) {
     WriteFile(m_strFrom, "new");
     fs::create_directory(m_strTo);
     EXPECT_FALSE(Move(m_strFrom, m_strTo));
-    ExpectFailure("Is a directory");
+    ExpectFailure(m_strTo, "Is a directory");
     EXPECT_EQ(ReadFile(m_strFrom), "new");
 }
 
@@ -103,7 +101,7 @@ TEST_F(MoveTest, FileIsNoTargetsFolder) {
     WriteFile(m_strFrom, "new");
     WriteFile(m_Folder.Path("file"), "");
     EXPECT_FALSE(Move(m_strFrom, m_Folder.Path("file/to")));
-    ExpectFailure("Not a directory");
+    ExpectFailure(m_Folder.Path("file/to"), "Not a directory");
     EXPECT_EQ(ReadFile(m_strFrom), "new");
 }
 

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -11,12 +12,14 @@
 #include "platform/VokExecShell.h"
 #include "tests/support/CLogCapture.h"
 #include "tests/support/CTemporaryFolder.h"
+#include "tests/support/LogLines.h"
 
 namespace vok {
 namespace {
 
 using namespace std::chrono_literals;
 using test::CLogCapture;
+using test::LogLines;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Clock = std::chrono::steady_clock;
@@ -114,6 +117,28 @@ TEST(VokExecShell, InheritsNoDescriptorsAndNoSignals) {
     (void)std::signal(SIGPIPE, pFormer);
     ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &mask, nullptr), 0);
     EXPECT_THAT(log.Messages(), ElementsAre("0", "1", "2"));
+}
+
+TEST(VokExecShell, WithoutAPipeNothingIsRun) {
+    CLogCapture log;
+    rlimit former{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit none{0, former.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int nResult = VokExecShell("echo run");
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
+
+    EXPECT_EQ(nResult, -1);
+    EXPECT_THAT(LogLines(log),
+                ElementsAre("0 VokExecShell: No pipe for [echo run]: [Too many open files]."));
+}
+
+TEST(VokExecShell, CommandThatNoShellCanBeGivenIsNotRun) {
+    const std::string strCommand(4 << 20, 'x');  // longer than any argument of a process may be
+    CLogCapture log;
+    EXPECT_EQ(VokExecShell(strCommand.c_str()), -1);
+    EXPECT_TRUE(log.HasLine(LEVEL_ERROR, "VokExecShell",
+                            "Starting [" + strCommand + "] failed: [Argument list too long]."));
 }
 
 }  // namespace

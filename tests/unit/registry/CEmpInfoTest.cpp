@@ -17,6 +17,7 @@ using test::CLogCapture;
 using test::LogLines;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Key;
 
 class CEmpInfoTest : public ::testing::Test {
 protected:
@@ -276,6 +277,36 @@ INSTANTIATE_TEST_SUITE_P(
                     },
                     "0 CEmpInfo::SetEmpPid: error : Traffic is not found SetEmpPid(42)"}),
     [](const auto& info) { return info.param.szName; });
+
+TEST_F(CEmpInfoTest, GetEmpInfoGivesEveryRecordInOrder) {
+    EXPECT_THAT(m_Info.GetEmpInfo(), IsEmpty());
+    AddOpened("Weather");
+    ASSERT_TRUE(m_Info.Add("Clock", "2.0"));
+    m_Log.Clear();
+
+    const auto records = m_Info.GetEmpInfo();
+
+    EXPECT_THAT(LogLines(m_Log), IsEmpty());
+    ASSERT_THAT(records, ElementsAre(Key("Clock"), Key("Weather")));
+    EXPECT_EQ(records.at("Clock").GetStatus(), EMP_ADDED);
+    EXPECT_EQ(records.at("Weather").GetStatus(), EMP_OPENED);
+    EXPECT_EQ(records.at("Weather").GetOption(), "0003");
+    EXPECT_EQ(records.at("Weather").GetEmpPid(), 77);
+    EXPECT_EQ(records.at("Weather").GetEmpProcess().nStartTime, 1234u);
+}
+
+TEST_F(CEmpInfoTest, GetEmpInfoGivesCopies) {
+    AddOpened("Weather");
+    auto records = m_Info.GetEmpInfo();
+
+    m_Info.SetTypeStatus("Weather", EMP_CLOSED);
+    records.at("Weather").SetEmpPid(5);
+
+    EXPECT_EQ(records.at("Weather").GetStatus(), EMP_OPENED);
+    EXPECT_EQ(m_Info.GetEmpPid("Weather"), 77);
+    m_Info.Remove("Weather");
+    EXPECT_EQ(records.count("Weather"), 1u);
+}
 
 TEST(CEmpInfo, SerialisesThreadsThatAddAndRemoveTheSameNames) {
     constexpr int kThreads = 4;

@@ -10,6 +10,7 @@
 #include "tests/support/CFakeEmp.h"
 #include "tests/support/CLogCapture.h"
 #include "tests/support/LogLines.h"
+#include "tests/support/RpcLibraryFault.h"
 
 namespace vok {
 namespace {
@@ -18,6 +19,7 @@ using test::CFakeEmp;
 using test::CLogCapture;
 using test::CRawPeer;
 using test::CRefusedPort;
+using test::CRpcLibraryFault;
 using test::EmpCall;
 using test::LogLines;
 using test::LogRecord;
@@ -365,6 +367,27 @@ TEST_F(CBrokerProxyEmpTest, IsServerRunningAimsAndPingsOnceWhenTheEmpIsThere) {
                             "4 CBrokerProxyEmp::Execute: Execute call end",
                             "4 CBrokerProxyEmp::Ping: Ping Ok : [" + strPort + "]",
                             "4 CBrokerProxyEmp::IsServerRunning: Ping Ok at Try[2]"));
+}
+
+TEST(CBrokerProxyEmp, ExecuteReadsErrorWhateverIsThrown) {
+    const CRefusedPort port;
+    CBrokerProxyEmp proxy{port.PortText()};
+    for (const auto thrown :
+         {CRpcLibraryFault::STD_EXCEPTION, CRpcLibraryFault::NO_EXCEPTION_CLASS}) {
+        CLogCapture log;
+        std::string strResult = "before";
+        {
+            const CRpcLibraryFault fault{thrown};
+            proxy.Execute(strResult, "6001", "Say", "", "", "", "");
+        }
+
+        EXPECT_EQ(strResult, "error");
+        EXPECT_THAT(LogLines(log),
+                    ElementsAre("4 CBrokerProxyEmp::Execute: Execute call start clientID:6001 "
+                                "cmd:Say ",
+                                "0 CBrokerProxyEmp::Execute: An unexpected error occured. Execute "
+                                "call error"));
+    }
 }
 
 /// The lines of `IsServerRunning` itself: not those of its pings, nor what its commands print.

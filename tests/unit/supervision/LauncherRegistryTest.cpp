@@ -168,5 +168,52 @@ TEST_F(LauncherRegistryTest, RemoveClosesEveryClientFirst) {
                             "1 Remove the Register-Launcher:[A,4000]."));
 }
 
+// ---- Grouping processes ----
+
+TEST_F(LauncherRegistryTest, GroupIsInsertedWithItsEmps) {
+    m_Broker.InsertGroupingEMP("Home", kGroupNotRunning, {"Weather", "Clock"});
+
+    EXPECT_THAT(BrokerProbe::Groups(m_Broker),
+                ElementsAre(Pair(Pair("Home", "N/A"), ElementsAre("Clock", "Weather"))));
+    EXPECT_THAT(LinesOf(m_Log, "InsertGroupingEMP"),
+                ElementsAre("1 Grouping EMP [Home|N/A] hosts [2] EMPs."));
+}
+
+TEST_F(LauncherRegistryTest, GroupThatIsKnownKeepsItsEmps) {
+    m_Broker.InsertGroupingEMP("Home", "40123", {"Weather"});
+    m_Broker.InsertGroupingEMP("Home", "40123", {"Clock", "Weather"});
+    m_Broker.InsertGroupingEMP("Home", "40123", {});
+
+    EXPECT_THAT(BrokerProbe::Groups(m_Broker),
+                ElementsAre(Pair(Pair("Home", "40123"), ElementsAre("Clock", "Weather"))));
+    EXPECT_THAT(LinesOf(m_Log, "InsertGroupingEMP"),
+                ElementsAre("1 Grouping EMP [Home|40123] hosts [1] EMPs.",
+                            "1 Grouping EMP [Home|40123] hosts [2] EMPs.",
+                            "1 Grouping EMP [Home|40123] hosts [2] EMPs."));
+}
+
+TEST_F(LauncherRegistryTest, GroupThatIsKnownKeepsItsPortWhenNoneIsTold) {
+    BrokerProbe::SetGroup(m_Broker, "Homes", "40124", {"Radio"});
+    m_Broker.InsertGroupingEMP("Home", "40123", {"Weather"});
+
+    m_Broker.InsertGroupingEMP("Home", kGroupNotRunning, {"Clock"});
+
+    EXPECT_THAT(BrokerProbe::Groups(m_Broker),
+                ElementsAre(Pair(Pair("Home", "40123"), ElementsAre("Clock", "Weather")),
+                            Pair(Pair("Homes", "40124"), ElementsAre("Radio"))));
+}
+
+TEST_F(LauncherRegistryTest, InsertedGroupHostsItsEmps) {
+    m_Broker.InsertGroupingEMP("Home", "40123", {"Weather"});
+    std::string strGroup;
+    std::string strPort;
+
+    EXPECT_TRUE(m_Broker.GetGroupingEMPInfo(strGroup, strPort, "Weather"));
+
+    EXPECT_EQ(strGroup, "Home");
+    EXPECT_EQ(strPort, "40123");
+    EXPECT_EQ(m_Broker.WhereIsEMP("Weather"), EMPLOCATION_GROUPING);
+}
+
 }  // namespace
 }  // namespace vok
