@@ -44,8 +44,8 @@ inline constexpr std::chrono::milliseconds kStopGrace{1000};
 inline constexpr int kMountAttempts = 5;
 inline constexpr std::chrono::seconds kMountPause{1};
 
-/// How often the end of the broker looks whether stops of EMPs are still under way.
-inline constexpr std::chrono::milliseconds kStopPoll{10};
+/// How often the end of the broker looks whether threads of its own are still at work.
+inline constexpr std::chrono::milliseconds kStopPoll{1};
 
 /// How long an opener waits for the EMP's report.
 inline constexpr int kReportWaitMs = 10'000;
