@@ -16,7 +16,7 @@ packages_demo=(
 # To run the tests: images to mount, and a private world to do it in.
 packages_test=(
   python3 python3-thrift python3-six squashfs-tools erofs-utils e2fsprogs
-  iproute2 mount util-linux procps net-tools
+  iproute2 mount util-linux procps net-tools spin
 )
 
 package_is_installed() {
