@@ -58,6 +58,7 @@ private:
     template <typename Step>
     void Attempt(Step&& step);
     void LowerMountCount();
+    void UnmountImageWithoutProgram();
     bool UnmountImage();
     void FinishTicket();
 
@@ -71,6 +72,7 @@ private:
     eEmpLocation m_Location = EMPLOCATION_UNKNOWN;
     std::string m_strImage;  // whose files count: the EMP, or its grouping process
     boost::shared_ptr<Ticket> m_spTicket;
+    bool m_bMounted = false;  // the image, by this open
     bool m_bIsNew = false;
     bool m_bReuse = false;
     std::string m_strOption;             // of the known EMP's record
@@ -272,6 +274,7 @@ void COpenOperation::MountImage() {
                  strMountPoint.c_str());
         return;
     }
+    m_bMounted = true;
     m_Broker.m_mapEmp[m_strImage] = 1;
     OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: It's first time to open [%s] EMP.", m_strImage.c_str());
 }
@@ -450,6 +453,7 @@ void COpenOperation::LowerMountCount() {
             break;
         case EMPFILE_IMAGE:
             OPEN_LOG(LEVEL_ERROR, "Maybe it was not mounted yet.");
+            if (m_bMounted) UnmountImageWithoutProgram();
             return;
         default:
             OPEN_LOG(LEVEL_DETAIL, "Nothing to do with Mount/UMount.");
@@ -468,6 +472,16 @@ void COpenOperation::LowerMountCount() {
     }
     const int nBefore = it->second--;
     OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: Emp=[%s], count=[%d].", m_strImage.c_str(), nBefore);
+}
+
+/// An image without its program looks as if it were not mounted. It must not stay: a repaired image
+/// could then never be mounted in its place.
+void COpenOperation::UnmountImageWithoutProgram() {
+    const CLock lock{m_Broker.m_mtxMapEmp};
+    const auto it = m_Broker.m_mapEmp.find(m_strImage);
+    if (it == m_Broker.m_mapEmp.end()) return;  // another open of it has been here
+    if (m_Broker.m_Platform.pMounter->Umount(paths::MountPoint(m_strImage)))
+        m_Broker.m_mapEmp.erase(it);
 }
 
 /// True when the image is gone, by this call or before it.

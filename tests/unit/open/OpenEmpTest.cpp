@@ -855,17 +855,39 @@ TEST_F(OpenEmpFailureTest, UncountedImageIsLeftAlone) {
                             "EmpName:[Weather] bIsNew:[1]."));
 }
 
-TEST_F(OpenEmpFailureTest, ImageThatIsNotVisibleIsNotUnmounted) {
+// It looks as if it were not mounted, and is logged so. If it stayed, no repaired image could be
+// mounted in its place.
+TEST_F(OpenEmpFailureTest, ImageWithoutItsProgramIsUnmounted) {
     m_Fake.AddImage("Weather");  // and mounting does not make its program appear
 
     EXPECT_EQ(FailToOpen("Weather"), kInvalid);
 
-    EXPECT_THAT(m_Fake.mounter.Calls(), ElementsAre(kMountCall));
-    EXPECT_THAT(MountCounts(), ElementsAre(Pair("Weather", 1)));
+    EXPECT_THAT(m_Fake.mounter.Calls(), ElementsAre(kMountCall, kUmountCall));
+    EXPECT_THAT(MountCounts(), IsEmpty());
     EXPECT_THAT(LinesAfter("0 [Completed]"),
                 ElementsAre("0 Maybe it was not mounted yet.",
                             "0 UNEXPECTED ERROR:[New EMP is failed to Open] OCCURED. "
                             "EmpName:[Weather] bIsNew:[1]."));
+}
+
+TEST_F(OpenEmpFailureTest, ImageWithoutItsProgramThatCannotBeUnmountedStaysCounted) {
+    m_Fake.AddImage("Weather");
+    m_Fake.mounter.FailUmounts(1);
+
+    EXPECT_EQ(FailToOpen("Weather"), kInvalid);
+
+    EXPECT_THAT(m_Fake.mounter.Calls(), ElementsAre(kMountCall, kUmountCall));
+    EXPECT_THAT(MountCounts(), ElementsAre(Pair("Weather", 1)));
+}
+
+TEST_F(OpenEmpFailureTest, ImageThatWasNotMountedIsNotUnmounted) {
+    m_Fake.AddImage("Weather");
+    m_Fake.mounter.FailMounts(1);
+
+    EXPECT_EQ(FailToOpen("Weather"), kInvalid);
+
+    EXPECT_THAT(m_Fake.mounter.Calls(), ElementsAre(kMountCall));
+    EXPECT_THAT(MountCounts(), IsEmpty());
 }
 
 TEST_F(OpenEmpFailureTest, ReportAfterTheUndoFindsNoTicket) {
