@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +20,7 @@
 #include "platform/Limits.h"
 #include "platform/Log.h"
 #include "platform/ScopeGuard.h"
+#include "rpc/CTextTransport.h"
 #include "rpc/CallOnce.h"
 
 namespace vok {
@@ -86,8 +86,7 @@ CAdminServer::CAdminServer(CBroker& broker, std::string strPath) : m_strPath(std
     using namespace apache::thrift;
     m_pServer = std::make_shared<CRpcServer>(
         std::make_shared<admin::VokBrokerAdminProcessor>(std::make_shared<CAdminHandler>(broker)),
-        std::make_shared<CRpcServerSocket>(m_strPath),
-        std::make_shared<transport::TBufferedTransportFactory>(),
+        std::make_shared<CRpcServerSocket>(m_strPath), std::make_shared<CTextTransportFactory>(),
         std::make_shared<protocol::TBinaryProtocolFactory>(kLongestText, 0, false, true));
     m_pServer->setConcurrentClientLimit(kMaxAdminClients);
     m_pServer->setServerEventHandler(std::make_shared<CListenEvent>([this] { OnListening(); }));

@@ -1,6 +1,5 @@
 // The broker's RPC server: a thread that accepts, and a thread for each client.
 #include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
 
 #include <functional>
 #include <memory>
@@ -12,6 +11,7 @@
 #include "platform/Log.h"
 #include "platform/ThreadMaker.h"
 #include "rpc/CRpcServer.h"
+#include "rpc/CTextTransport.h"
 #include "rpc/CallOnce.h"
 
 namespace vok {
@@ -58,7 +58,7 @@ void CBroker::Serve() {
 
         const auto pServer = std::make_shared<CRpcServer>(
             pProcessor, std::make_shared<CBrokerSocket>([this] { OnServerCloses(); }),
-            std::make_shared<transport::TBufferedTransportFactory>(), pProtocols);
+            std::make_shared<CTextTransportFactory>(), pProtocols);
         pServer->setServerEventHandler(
             std::make_shared<CListenEvent>([this] { OnServerListens(); }));
         SERVER_LOG(LEVEL_DETAIL, "BrokerServer just before starts");

@@ -283,8 +283,11 @@ private:
 
     // The steps of CloseEmp.
     bool ClassifyForClose(const std::string& strEmp, EmpType::type& eKind, std::string& strImage);
-    void LowerMountCount(const std::string& strImage);
-    bool RecordClose(const ConnectionInfo& info, EmpType::type eKind, int nReferences);
+    bool LowerMountCount(const std::string& strImage);
+    void RaiseMountCountAgain(const std::string& strImage);
+    bool CloseCounted(const ConnectionInfo& info, EmpType::type eKind);
+    struct LeavingClient;
+    bool RecordClose(LeavingClient& client, EmpType::type eKind, int nReferences);
 
     /// The first half of RemoveLauncherInfo.
     bool CollectConnections(const std::string& strName, const std::string& strPort,

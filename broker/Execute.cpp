@@ -1,6 +1,8 @@
 // The command call: EMPs report and stop, launchers register, clients ask and leave.
 #include <cstring>
 #include <memory>
+#include <new>
+#include <utility>
 
 #include "broker/CBroker.h"
 #include "broker/ThreadName.h"
@@ -68,6 +70,7 @@ private:
 
     bool HasEmpAndPort();
     void CloseAll();
+    void StopProcess(const ProcessId& process);
     bool FindGroupToStop(std::string& strToStop, bool& bGrouping);
     void LaunchStop(const std::string& strToStop, bool bGrouping, const ProcessId& process);
 
@@ -197,13 +200,25 @@ void CCommand::NotifyToStopEmpServer() {
         EXECUTE_LOG(LEVEL_ERROR, "EMP:[%s]->pid:[0], maybe it's not existed.", m_strArg3.c_str());
         return;
     }
-    (void)m_Broker.m_ConnectionDB.RemoveEmpInfoFromConnDB({m_strArg3, m_strArg4});
-    (void)m_Broker.m_EmpInfo.Remove(m_strArg3);
+    // Memory before changes: the connection and the record go both or none of them.
+    const ConnectionKey key{m_strArg3, m_strArg4};
+    std::string strEmp = m_strArg3;
+    (void)m_Broker.m_ConnectionDB.RemoveEmpInfoFromConnDB(key);
+    (void)m_Broker.m_EmpInfo.Remove(std::move(strEmp));
     if (LeadingNumber(m_strArg5) == kEmpIsThread) {
         EXECUTE_LOG(LEVEL_DETAIL, "[Register] %s is in form of thread.", m_strArg3.c_str());
         return;
     }
+    try {
+        StopProcess(process);
+    } catch (const std::bad_alloc&) {
+        // The EMP has gone from the tables, and asking again would find nothing: as without a
+        // thread.
+        EXECUTE_LOG(LEVEL_ERROR, "Error occured during StopEMPServer");
+    }
+}
 
+void CCommand::StopProcess(const ProcessId& process) {
     std::string strToStop = m_strArg3;
     bool bGrouping = false;
     if (m_Broker.WhereIsEMP(m_strArg3) == EMPLOCATION_GROUPING &&

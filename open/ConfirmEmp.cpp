@@ -1,6 +1,8 @@
 // An EMP's report wakes its opener; a status that is about to change is waited out.
 #include <boost/lexical_cast.hpp>
 
+#include <utility>
+
 #include "broker/CBroker.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
@@ -17,8 +19,8 @@ struct Report {
           // find's "not found" plus one is 0
           strPid(strPortAndPid.substr(strPortAndPid.find('|') + 1)) {}
 
-    const std::string strPort;
-    const std::string strPid;
+    std::string strPort;
+    std::string strPid;
 };
 
 }  // namespace
@@ -28,7 +30,7 @@ void CBroker::ConfirmEMPServer(const std::string& strTicketSerial, const std::st
     VOK_LOG(LEVEL_DETAIL,
             "ticketSerial:[%s], EmpServer Path:[%s], EmpServerStatus:[%s], EmpOption:[%s].",
             strTicketSerial.c_str(), strPortAndPid.c_str(), strStatus.c_str(), strOption.c_str());
-    const Report report{strPortAndPid};
+    Report report{strPortAndPid};
     const auto nSerial = boost::lexical_cast<unsigned int>(strTicketSerial);
     VOK_LOG(LEVEL_DETAIL, "Notify the TicketSerial:[%d] to break waiting.", nSerial);
 
@@ -48,9 +50,10 @@ void CBroker::ConfirmEMPServer(const std::string& strTicketSerial, const std::st
         return;
     }
 
+    // From here on nothing fails: a ticket is filled and its opener woken, or neither.
     spTicket->m_nPid = boost::lexical_cast<int>(report.strPid);
-    spTicket->m_strPort = report.strPort;
-    spTicket->m_strOption = strOption;
+    spTicket->m_strPort = std::move(report.strPort);
+    spTicket->m_strOption = std::move(strOption);
     spTicket->m_Process = process;
 
     // The opener is woken either way, and judges by option and pid.

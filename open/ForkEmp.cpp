@@ -60,18 +60,13 @@ void LogEnd(pid_t nReaped, int nStatus) {
              (nStatus & 0x7f) == 0, (nStatus & 0xffff) >> 8);
 }
 
-}  // namespace
-
-void* CBroker::ForkEmp(void* pParams) {
-    const std::unique_ptr<OwnedForkEmpParams> pOwned{static_cast<OwnedForkEmpParams*>(pParams)};
-    IProcesses& processes = *pOwned->m_Platform.pProcesses;
-    LogStart(*pOwned);
-    ThreadMaker::NameThisThread("VOK-B-ForkEmp");
+void StartAndReap(OwnedForkEmpParams& owned) {
+    IProcesses& processes = *owned.m_Platform.pProcesses;
 
     // All that allocates, reads or logs comes before the fork, whose child borrows our memory.
     ExecImage image;
-    FillExecImage(image, pOwned->params,
-                  pOwned->bHasLibraryPath ? pOwned->strLibraryPath.data() : nullptr);
+    FillExecImage(image, owned.params,
+                  owned.bHasLibraryPath ? owned.strLibraryPath.data() : nullptr);
     LogExecution(image);
 
     ExecRequest request;
@@ -80,21 +75,35 @@ void* CBroker::ForkEmp(void* pParams) {
     request.envp = image.envp;
     // A refused file costs a child that ends at once: whoever reads the trace finds the same lines
     // as for every other program that came to nothing.
-    request.bExecute = PassesScriptFilter(*pOwned->m_Platform.pFiles, image.szPath);
-    if (pOwned->params.spTicket) request.pPid = &pOwned->params.spTicket->m_nForkedPid;
+    request.bExecute = PassesScriptFilter(*owned.m_Platform.pFiles, image.szPath);
+    if (owned.params.spTicket) request.pPid = &owned.params.spTicket->m_nForkedPid;
 
     const ForkResult result = processes.ForkAndExec(request);
     if (result.nPid < 0) {
         FORK_LOG(LEVEL_ERROR, "fork error.");
-        return nullptr;
+        return;
     }
     if (result.nExecErrno != 0) LogFailedExecution(image.szPath, result.nExecErrno);
 
     // The EMP may run for months; its opener's ticket need not be kept for it.
-    pOwned->params.spTicket.reset();
+    owned.params.spTicket.reset();
     int nStatus = 0;
     const pid_t nReaped = processes.AwaitChild(result.nPid, &nStatus);
     LogEnd(nReaped, nStatus);
+}
+
+}  // namespace
+
+void* CBroker::ForkEmp(void* pParams) {
+    const std::unique_ptr<OwnedForkEmpParams> pOwned{static_cast<OwnedForkEmpParams*>(pParams)};
+    LogStart(*pOwned);
+    ThreadMaker::NameThisThread("VOK-B-ForkEmp");
+    try {
+        StartAndReap(*pOwned);
+    } catch (...) {
+        // No EMP is worth the broker.
+        FORK_LOG(LEVEL_ERROR, "The start of an EMP was not completed.");
+    }
     return nullptr;
 }
 

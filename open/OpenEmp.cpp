@@ -2,6 +2,8 @@
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
+#include <new>
+#include <utility>
 
 #include "broker/CBroker.h"
 #include "broker/ThreadName.h"
@@ -50,15 +52,17 @@ private:
     void FillParams(ForkEmpParams& params, const std::string& strProgram);
     void AwaitReport();
     void KeepReport();
-    void RecordConnection();
-    void FillResult();
+    void Succeed();
+    void FillResult(std::string&& strEmp, std::string&& strClientPort, std::string&& strEmpPort);
 
     bool Refuse();
     void Undo(const std::string& strReason);
+    void GiveBack();
     template <typename Step>
     void Attempt(Step&& step);
     void LowerMountCount();
     void UnmountImageWithoutProgram();
+    void GiveBackMount();
     bool UnmountImage();
     void FinishTicket();
 
@@ -75,6 +79,7 @@ private:
     bool m_bMounted = false;  // the image, by this open
     bool m_bIsNew = false;
     bool m_bReuse = false;
+    bool m_bCounted = false;             // the mount count is raised
     std::string m_strOption;             // of the known EMP's record
     std::string m_strEmpPort = kNoPort;  // of the server that the client gets
 };
@@ -91,6 +96,11 @@ void COpenOperation::Run() {
     const ScopeGuard finishTicket{[this] { FinishTicket(); }};
     try {
         RunOrUndo();
+    } catch (const std::bad_alloc&) {
+        // Memory may be back for the next open, which must find no record that blocks the EMP.
+        ++m_Broker.m_Counters.nFailures;
+        GiveBack();
+        OPEN_LOG(LEVEL_ERROR, "UNEXPECTED ERROR OCCURED, EMP:[%s].", m_strEmp.c_str());
     } catch (...) {
         // An unknown failure leaves an unknown state: undoing might take what another open needs.
         ++m_Broker.m_Counters.nFailures;
@@ -121,8 +131,7 @@ bool COpenOperation::RunSteps() {
         ++m_Broker.m_Counters.nReuses;
     else
         StartAndAwaitReport();  // throws the reason as text
-    RecordConnection();
-    FillResult();
+    Succeed();
     return true;
 }
 
@@ -259,12 +268,18 @@ void COpenOperation::CountMountedImage() {
         OPEN_LOG(LEVEL_ERROR, "Maybe something wrong with [%s]'s the count of mount/umount.",
                  m_strImage.c_str());
     ++it->second;
+    m_bCounted = true;
 }
 
 void COpenOperation::MountImage() {
     const std::string strImageFile = paths::ImageFile(m_strImage);
     const std::string strMountPoint = paths::MountPoint(m_strImage);
 
+    // The entry first, under the lock that nobody looks past: a mount without a count would stay.
+    const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(m_strImage, 0);
+    ScopeGuard forgetEntry{[this, it = it, bAdded = bAdded]() VOK_TSA(no_thread_safety_analysis) {
+        if (bAdded) m_Broker.m_mapEmp.erase(it);
+    }};
     const bool bMounted = m_Broker.m_Platform.pMounter->Mount(strImageFile, strMountPoint);
     OPEN_LOG(LEVEL_DETAIL, "[Attention] Mount img:[%s] to [%s].", strImageFile.c_str(),
              strMountPoint.c_str());
@@ -274,8 +289,10 @@ void COpenOperation::MountImage() {
                  strMountPoint.c_str());
         return;
     }
+    forgetEntry.Dismiss();
+    it->second = 1;
     m_bMounted = true;
-    m_Broker.m_mapEmp[m_strImage] = 1;
+    m_bCounted = true;
     OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: It's first time to open [%s] EMP.", m_strImage.c_str());
 }
 
@@ -387,19 +404,27 @@ void COpenOperation::KeepReport() {
     (void)m_Broker.m_EmpInfo.SetEmpProcess(m_strEmp, process);
 }
 
-void COpenOperation::RecordConnection() {
+void COpenOperation::Succeed() {
+    // All memory that is needed comes first: what is recorded is also answered.
+    ConnectionKey key{m_strEmp, m_strEmpPort};
+    std::string strEmp = m_strEmp;
+    std::string strAnsweredEmp = m_strEmp;
+    std::string strAnsweredClient = m_strClientPort;
+    std::string strAnsweredPort = m_strEmpPort;
     OPEN_LOG(LEVEL_DETAIL,
              "Add connectionData to connectionDB, name :[%s], empport[%s], clientport[%s]",
              m_strEmp.c_str(), m_strEmpPort.c_str(), m_strClientPort.c_str());
     // A client that is connected already stays so.
-    (void)m_Broker.m_ConnectionDB.AddConnectionData({m_strEmp, m_strEmpPort}, m_strClientPort);
-    (void)m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_OPENED);
+    (void)m_Broker.m_ConnectionDB.AddConnectionData(std::move(key), m_strClientPort);
+    (void)m_Broker.m_EmpInfo.SetTypeStatus(std::move(strEmp), EMP_OPENED);
+    FillResult(std::move(strAnsweredEmp), std::move(strAnsweredClient), std::move(strAnsweredPort));
 }
 
-void COpenOperation::FillResult() {
-    m_Result.empName = m_strEmp;
-    m_Result.clientPort = m_strClientPort;
-    m_Result.empPort = m_strEmpPort;
+void COpenOperation::FillResult(std::string&& strEmp, std::string&& strClientPort,
+                                std::string&& strEmpPort) {
+    m_Result.empName = std::move(strEmp);
+    m_Result.clientPort = std::move(strClientPort);
+    m_Result.empPort = std::move(strEmpPort);
     m_Result.serial = static_cast<int32_t>(m_spTicket->GetSerial());
     OPEN_LOG(LEVEL_DETAIL, "empID:[%s] Emp:[%s] , Serial:[%d] , Option:[%s] , Status:[%d]",
              m_Result.empName.c_str(), m_Result.empPort.c_str(), m_Result.serial,
@@ -432,19 +457,34 @@ void COpenOperation::Undo(const std::string& strReason) {
         m_Broker.ReportLogToServer(m_strEmp, m_strVersion, m_strAppInfo);
         OPEN_LOG(LEVEL_ERROR, "[Completed] Report for %s to Log Server.", m_strEmp.c_str());
     });
-    Attempt([this] { LowerMountCount(); });
+    Attempt([this] {
+        try {
+            LowerMountCount();
+        } catch (const std::bad_alloc&) {
+            if (!m_bCounted) throw;
+            GiveBackMount();  // what this open has added, without a look at the files
+        }
+    });
 
     const CLock lock{m_Broker.m_mtxTicket};
     m_Broker.m_mapTicket.erase(m_spTicket->GetSerial());
     CBroker::SetInvalidConnectionInfo(m_Result);
     // At once, without a "closed" in between: another open may be waiting for a change. A record
     // that has gone already is logged as missing.
-    if (m_bIsNew && m_Broker.m_EmpInfo.IsAdded(m_strEmp))
-        (void)m_Broker.m_EmpInfo.Remove(m_strEmp);
-    else
-        (void)m_Broker.m_EmpInfo.SetTypeStatus(m_strEmp, EMP_CLOSED);
+    m_Broker.m_EmpInfo.EndFailedOpen(m_strEmp, m_bIsNew);
     OPEN_LOG(LEVEL_ERROR, "UNEXPECTED ERROR:[%s] OCCURED. EmpName:[%s] bIsNew:[%d].",
              strReason.c_str(), m_strEmp.c_str(), m_bIsNew);
+}
+
+/// Memory was short: takes out of the tables what this open has put there. Needs no memory itself,
+/// but for the unmounting of an image, whose count stays when there is none for that either.
+void COpenOperation::GiveBack() {
+    if (m_bCounted) Attempt([this] { GiveBackMount(); });
+    if (!m_spTicket) return;
+
+    const CLock lock{m_Broker.m_mtxTicket};
+    m_Broker.m_mapTicket.erase(m_spTicket->GetSerial());
+    if (m_bIsNew) m_Broker.m_EmpInfo.EndFailedOpen(m_strEmp, m_bIsNew);
 }
 
 void COpenOperation::LowerMountCount() {
@@ -459,7 +499,10 @@ void COpenOperation::LowerMountCount() {
             OPEN_LOG(LEVEL_DETAIL, "Nothing to do with Mount/UMount.");
             return;
     }
+    GiveBackMount();
+}
 
+void COpenOperation::GiveBackMount() {
     const CLock lock{m_Broker.m_mtxMapEmp};
     const auto it = m_Broker.m_mapEmp.find(m_strImage);
     if (it == m_Broker.m_mapEmp.end()) {

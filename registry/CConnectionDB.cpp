@@ -144,8 +144,9 @@ bool CConnectionDB::ModifyConnectionData(const ConnectionKey& key, eServerType e
         return false;
     }
     if (eType == SERVER_TYPE_CALLBACK) {
-        it->second.m_setClientPort.erase(strOldValue);
+        // In this order: memory that is missing must not cost a client its place.
         it->second.m_setClientPort.insert(strNewValue);
+        if (strOldValue != strNewValue) it->second.m_setClientPort.erase(strOldValue);
     } else if (eType == SERVER_TYPE_EMP) {
         MoveToPort(it, strOldValue, strNewValue);
     } else {

@@ -120,6 +120,18 @@ ProcessId CEmpInfo::GetEmpProcess(const std::string& strName) {
     return pInfo ? pInfo->GetEmpProcess() : ProcessId{};
 }
 
+void CEmpInfo::EndFailedOpen(const std::string& strName, bool bIsNew) {
+    const CLock lock{m_mtxInfo};
+    const auto it = m_mapInfo.find(strName);
+    if (it == m_mapInfo.end())
+        VOK_CLASS_LOG_AS("CEmpInfo", "SetTypeStatus", LEVEL_ERROR,
+                         "error : %s is not found setStatus(%d)", strName.c_str(), EMP_CLOSED);
+    else if (bIsNew)
+        m_mapInfo.erase(it);
+    else
+        (void)it->second->SetStatus(EMP_CLOSED);
+}
+
 std::map<std::string, CEmpDataInfo> CEmpInfo::GetEmpInfo() {
     const CLock lock{m_mtxInfo};
     std::map<std::string, CEmpDataInfo> mapInfo;

@@ -93,6 +93,9 @@ public:
     /// Pid and start time are 0 when the EMP is not known.
     ProcessId GetEmpProcess(const std::string& strName);
 
+    /// Ends an open that has failed: the record goes when the open has added it (`bIsNew`), else
+    /// its status becomes EMP_CLOSED. Needs no memory, and never throws.
+    void EndFailedOpen(const std::string& strName, bool bIsNew);
     /// A copy of every record.
     std::map<std::string, CEmpDataInfo> GetEmpInfo();
 

@@ -10,14 +10,13 @@ namespace vok {
 
 using apache::thrift::TException;
 using apache::thrift::protocol::TBinaryProtocol;
-using apache::thrift::transport::TBufferedTransport;
 
 #define PROXY_LOG(level, ...) VOK_CLASS_LOG("CBrokerProxyClient", level, __VA_ARGS__)
 
 /// Can be brought back to where it began, whatever a failed call has left in it.
-class CBrokerProxyClient::CTransport : public TBufferedTransport {
+class CBrokerProxyClient::CTransport : public CTextTransport {
 public:
-    using TBufferedTransport::TBufferedTransport;
+    using CTextTransport::CTextTransport;
 
     void Reset() {
         transport_->close();  // this one's own close would first send what was not sent

@@ -3,13 +3,13 @@
 
 #include <thrift/TConfiguration.h>
 #include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TSocket.h>
 
 #include <memory>
 #include <string>
 
 #include "platform/Limits.h"
+#include "rpc/CTextTransport.h"
 
 namespace vok {
 
@@ -43,12 +43,10 @@ std::shared_ptr<apache::thrift::transport::TSocket> MakeRpcSocket(const RpcAddre
 template <typename Client, typename Call, typename OnError>
 bool CallOnce(const RpcAddress& address, Call&& call, OnError&& onError) {
     using apache::thrift::protocol::TBinaryProtocol;
-    using apache::thrift::transport::TBufferedTransport;
 
     try {
         const auto pSocket = MakeRpcSocket(address);
-        const auto pTransport =
-            std::make_shared<TBufferedTransport>(pSocket, kRpcBuffer, kRpcBuffer);
+        const auto pTransport = std::make_shared<CTextTransport>(pSocket, kRpcBuffer, kRpcBuffer);
         // Containers have no limit; a message without the version word is accepted.
         Client client{std::make_shared<TBinaryProtocol>(pTransport, kLongestText, 0, false, true)};
 

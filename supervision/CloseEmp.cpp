@@ -2,11 +2,13 @@
 #include <boost/make_shared.hpp>
 
 #include <cstring>
+#include <utility>
 
 #include "broker/CBroker.h"
 #include "broker/ThreadName.h"
 #include "platform/Limits.h"
 #include "platform/Log.h"
+#include "platform/ScopeGuard.h"
 #include "rpc/CBrokerProxyEmp.h"
 
 namespace vok {
@@ -39,6 +41,21 @@ bool RefusesClose(EMP_STATUS eStatus) {
 
 }  // namespace
 
+/// What the tables are asked for once the EMP has answered. Made before it is called: what an EMP
+/// has been told is recorded, however short memory is.
+struct CBroker::LeavingClient {
+    explicit LeavingClient(const ConnectionInfo& info)
+        : key(info.empName, info.empPort),
+          strStatusOf(info.empName),
+          strRecordOf(info.empName),
+          strPort(info.clientPort) {}
+
+    ConnectionKey key;
+    std::string strStatusOf;
+    std::string strRecordOf;
+    std::string strPort;
+};
+
 bool CBroker::CloseEmp(const ConnectionInfo& info) {
     ++m_Counters.nCloses;
     NameThread(info);
@@ -46,22 +63,34 @@ bool CBroker::CloseEmp(const ConnectionInfo& info) {
     EmpType::type eKind = EmpType::PROCESS;
     std::string strImage;
     if (!ClassifyForClose(info.empName, eKind, strImage)) return false;
-    if (eKind != EmpType::REGISTER) LowerMountCount(strImage);
+    // A close that is refused or fails lowers the count, too. One that an exception ends, because
+    // memory is short, leaves everything as it was: it can be repeated.
+    const bool bLowered = eKind != EmpType::REGISTER && LowerMountCount(strImage);
+    ScopeGuard raiseAgain{[&] {
+        if (bLowered) RaiseMountCountAgain(strImage);
+    }};
+    const bool bClosed = CloseCounted(info, eKind);
+    raiseAgain.Dismiss();
+    return bClosed;
+}
 
+bool CBroker::CloseCounted(const ConnectionInfo& info, EmpType::type eKind) {
     if (!CheckStatus(info.empName)) {
-        VOK_LOG(LEVEL_DETAIL, "emp:%s status: EMP_NOT_FOUND, Maybe it was closed by other client.",
-                info.empName.c_str());
+        CLOSE_LOG(LEVEL_DETAIL,
+                  "emp:%s status: EMP_NOT_FOUND, Maybe it was closed by other client.",
+                  info.empName.c_str());
         return true;
     }
     if (const EMP_STATUS eStatus = m_EmpInfo.GetTypeStatus(info.empName); RefusesClose(eStatus)) {
-        VOK_LOG(LEVEL_ERROR, "[%s] status[%d] is incorrect", info.empName.c_str(), eStatus);
+        CLOSE_LOG(LEVEL_ERROR, "[%s] status[%d] is incorrect", info.empName.c_str(), eStatus);
         return false;
     }
 
-    VOK_LOG(LEVEL_DETAIL, "RPC Request:[CEmpAppBase::Close], empPort:[%s], clientport[%s]",
-            info.empPort.c_str(), info.clientPort.c_str());
+    CLOSE_LOG(LEVEL_DETAIL, "RPC Request:[CEmpAppBase::Close], empPort:[%s], clientport[%s]",
+              info.empPort.c_str(), info.clientPort.c_str());
+    LeavingClient client{info};
     const auto spProxy = boost::make_shared<CBrokerProxyEmp>(info.empPort);
-    return RecordClose(info, eKind, spProxy->Close(info.clientPort, eKind));
+    return RecordClose(client, eKind, spProxy->Close(info.clientPort, eKind));
 }
 
 /// False for an EMP that lives nowhere.
@@ -95,18 +124,18 @@ bool CBroker::ClassifyForClose(const std::string& strEmp, EmpType::type& eKind,
 }
 
 /// Before the close is even tried: one that is refused or fails lowers the count as well. The image
-/// itself goes when the EMP's process has ended.
-void CBroker::LowerMountCount(const std::string& strImage) {
-    if (GetEmpLocationType(strImage) != EMPFILE_MOUNTED) return;
+/// itself goes when the EMP's process has ended. True when the count has changed.
+bool CBroker::LowerMountCount(const std::string& strImage) {
+    if (GetEmpLocationType(strImage) != EMPFILE_MOUNTED) return false;
 
     const CLock lock{m_mtxMapEmp};
     const auto it = m_mapEmp.find(strImage);
     if (it == m_mapEmp.end()) {
         CLOSE_LOG(LEVEL_ERROR, "[Umount]: EMP [%s] is not in the map. ", strImage.c_str());
-        return;
+        return false;
     }
     CLOSE_LOG(LEVEL_DETAIL, "[Umount]: Found EMP [%s] in the map. ", strImage.c_str());
-    if (it->second <= 0) return;
+    if (it->second <= 0) return false;
 
     CLOSE_LOG(LEVEL_TRACE, "[Before-Umount] Count Reduce 1, Emp=[%s], count=[%d].",
               strImage.c_str(), it->second);
@@ -114,34 +143,42 @@ void CBroker::LowerMountCount(const std::string& strImage) {
     --it->second;
     CLOSE_LOG(LEVEL_TRACE, "[After-Umount] Count Reduce 1, Emp=[%s], count=[%d].", strImage.c_str(),
               it->second);
+    return true;
+}
+
+void CBroker::RaiseMountCountAgain(const std::string& strImage) {
+    const CLock lock{m_mtxMapEmp};
+    const auto it = m_mapEmp.find(strImage);
+    if (it != m_mapEmp.end()) ++it->second;
 }
 
 /// Brings the tables up to date; what is missing there has gone meanwhile, and is logged.
 /// `nReferences`: how many clients the EMP still serves; below 0, the call failed.
-bool CBroker::RecordClose(const ConnectionInfo& info, EmpType::type eKind, int nReferences) {
-    const ConnectionKey key{info.empName, info.empPort};
-    const char* const szEmp = info.empName.c_str();
+bool CBroker::RecordClose(LeavingClient& client, EmpType::type eKind, int nReferences) {
+    const ConnectionKey& key = client.key;
+    const char* const szEmp = key.first.c_str();
 
     if (nReferences < 0) {
         CLOSE_LOG(LEVEL_ERROR, "Error!! EMP[%s] ReferenceCounter[%d] ", szEmp, nReferences);
-        if (m_EmpInfo.GetTypeOption(info.empName) == kOptionSingleton)
-            (void)m_EmpInfo.Remove(info.empName);
-        (void)m_ConnectionDB.RemoveConnectionData(key, info.clientPort);
+        if (m_EmpInfo.GetTypeOption(std::move(client.strStatusOf)) == kOptionSingleton)
+            (void)m_EmpInfo.Remove(std::move(client.strRecordOf));
+        (void)m_ConnectionDB.RemoveConnectionData(key, std::move(client.strPort));
         return false;
     }
     if (nReferences > 0)
         CLOSE_LOG(LEVEL_EVENT, "EMP:[%s] ReferenceCounter:[%d]", szEmp, nReferences);
 
-    (void)m_EmpInfo.SetTypeStatus(info.empName, EMP_OPENED);
+    (void)m_EmpInfo.SetTypeStatus(std::move(client.strStatusOf), EMP_OPENED);
     if (nReferences == 0 && eKind == EmpType::REGISTER) {
         // No process ends that would report its stop: this is the end of the EMP.
         CLOSE_LOG(LEVEL_EVENT, "RegisterEMP[%s] ReferenceCounter[%d]", szEmp, nReferences);
-        (void)m_EmpInfo.Remove(info.empName);
-        (void)m_ConnectionDB.RemoveConnectionData(key, info.clientPort);
+        (void)m_EmpInfo.Remove(std::move(client.strRecordOf));
+        (void)m_ConnectionDB.RemoveConnectionData(key, std::move(client.strPort));
         return true;
     }
     // The entry stays, also without clients, until the EMP reports its stop.
-    (void)m_ConnectionDB.RemoveClientPortFromConnDB(key, info.clientPort);
+    (void)m_ConnectionDB.RemoveClientPortFromConnDB(std::move(client.key),
+                                                    std::move(client.strPort));
     return true;
 }
 

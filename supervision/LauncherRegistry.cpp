@@ -1,5 +1,6 @@
 // Which launcher serves which EMP.
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "broker/CBroker.h"
@@ -68,13 +69,21 @@ int CBroker::CountRegisterEmps() {
 
 void CBroker::InsertGroupingEMP(const std::string& strGroupName, const std::string& strPort,
                                 const std::set<std::string>& setEmp) {
+    // All that needs memory comes before the first change.
+    const std::pair<std::string, std::string> anyPort{strGroupName, std::string()};
+    LauncherTable added;
+    std::set<std::string>& setAdded = added[{strGroupName, strPort}];
+    setAdded = setEmp;
+
     const CLock lock{m_mtxGroupingEmp};
     // One that is known keeps its port when none is told: it may be running.
-    auto it = m_mapGroupingEmp.lower_bound({strGroupName, std::string()});
+    auto it = m_mapGroupingEmp.lower_bound(anyPort);
     const bool bKnown = it != m_mapGroupingEmp.end() && it->first.first == strGroupName;
-    if (!bKnown || strPort != kGroupNotRunning)
-        it = m_mapGroupingEmp.try_emplace({strGroupName, strPort}).first;
-    it->second.insert(setEmp.begin(), setEmp.end());
+    if (!bKnown || strPort != kGroupNotRunning) it = m_mapGroupingEmp.find(added.begin()->first);
+    if (it != m_mapGroupingEmp.end())
+        it->second.merge(setAdded);
+    else
+        it = m_mapGroupingEmp.insert(added.extract(added.begin())).position;
     VOK_LOG(LEVEL_EVENT, "Grouping EMP [%s|%s] hosts [%d] EMPs.", strGroupName.c_str(),
             it->first.second.c_str(), static_cast<int>(it->second.size()));
 }
@@ -118,6 +127,9 @@ bool CBroker::UnRegisterEMP(const std::string& strEmp, const std::string& strLau
 }
 
 void CBroker::AddLauncherInfo(std::string strName, std::string strPort) {
+    // Made before the old one goes, so that a launcher is not lost when memory is short.
+    LauncherTable added;
+    added.try_emplace({strName, strPort});
     const CLock lock{m_mtxRegisterEmp};
     // The first with this name, whatever its port: one that comes again starts without EMPs.
     const auto it = m_mapRegisterEmp.lower_bound({strName, std::string()});
@@ -126,7 +138,7 @@ void CBroker::AddLauncherInfo(std::string strName, std::string strPort) {
                 it->first.second.c_str());
         m_mapRegisterEmp.erase(it);
     }
-    m_mapRegisterEmp.try_emplace({strName, strPort});
+    (void)m_mapRegisterEmp.insert(added.extract(added.begin()));  // needs no memory any more
     VOK_LOG(LEVEL_EVENT, "Add a new Register-Launcher:[%s,%s].", strName.c_str(), strPort.c_str());
 }
 
@@ -153,6 +165,7 @@ void CBroker::RemoveLauncherInfo(std::string strName, std::string strPort) {
         VOK_LOG(LEVEL_ERROR, "[Launcher] Name or Port maybe empty.");
         return;
     }
+    const std::pair<std::string, std::string> key{strName, strPort};
     std::vector<ConnectionInfo> connections;
     if (!CollectConnections(strName, strPort, connections)) return;
 
@@ -172,11 +185,11 @@ void CBroker::RemoveLauncherInfo(std::string strName, std::string strPort) {
     }
 
     const CLock lock{m_mtxRegisterEmp};
-    m_mapRegisterEmp.erase({strName, strPort});
+    m_mapRegisterEmp.erase(key);
     VOK_LOG(LEVEL_EVENT, "Remove the Register-Launcher:[%s,%s].", strName.c_str(), strPort.c_str());
 }
 
-/// Finds every connection of a launcher's EMPs. An EMP that has none loses its record at once.
+/// Finds every connection of a launcher's EMPs. Those that have none lose their records.
 /// False when there is no such launcher.
 bool CBroker::CollectConnections(const std::string& strName, const std::string& strPort,
                                  std::vector<ConnectionInfo>& connections) {
@@ -189,11 +202,12 @@ bool CBroker::CollectConnections(const std::string& strName, const std::string& 
     }
     REMOVE_LOG(LEVEL_DETAIL, "EMP Count:[%d] <-> Launcher:[%s|%s].",
                static_cast<int>(it->second.size()), strName.c_str(), strPort.c_str());
+    std::vector<std::string> unused;
     for (const std::string& strEmp : it->second) {
         const std::string strEmpPort = m_ConnectionDB.GetEmpPort(strEmp);
         if (strEmpPort == kNoPort) {
             REMOVE_LOG(LEVEL_ERROR, "Failed to get port of EMP:[%s].", strEmp.c_str());
-            (void)m_EmpInfo.Remove(strEmp);
+            unused.push_back(strEmp);
             continue;
         }
         REMOVE_LOG(LEVEL_DETAIL, "[RemoveLauncherInfo] emp:[%s], port:[%s].", strEmp.c_str(),
@@ -210,6 +224,7 @@ bool CBroker::CollectConnections(const std::string& strName, const std::string& 
             connections.push_back(info);
         }
     }
+    for (std::string& strEmp : unused) (void)m_EmpInfo.Remove(std::move(strEmp));
     return true;
 }
 

@@ -1,7 +1,11 @@
 // When not even the system helps: no thread, no memory. The log says so, and the rest goes on.
+#include <boost/lexical_cast.hpp>
+#include <boost/make_shared.hpp>
+
 #include <new>
 #include <string>
 
+#include "open/StartEmp.h"
 #include "tests/support/BrokerTest.h"
 #include "tests/support/NoThreads.h"
 
@@ -63,6 +67,42 @@ TEST_F(LastResortTest, StopThatCannotBeCompletedEndsItsThreadOnly) {
                 ElementsAre("4 ==Enter ExitEmpProc==. ",
                             "0 ### Emit SIGTERM to EMP:[Weather] pid:[777] ###",
                             "0 The stop of an EMP was not completed."));
+}
+
+TEST_F(LastResortTest, StartThatCannotBeCompletedEndsItsThreadOnly) {
+    m_Fake.processes.OnFork([](const ForkCall&) { throw std::bad_alloc{}; });
+    ForkEmpParams params;
+    params.ARGV_path = "/usr/bin/emps/empWeather/empWeather";
+
+    EXPECT_EQ(CBroker::ForkEmp(new OwnedForkEmpParams(params, nullptr, m_Fake.Get())), nullptr);
+
+    EXPECT_EQ(LinesOf(m_Log, "ForkEmp").back(), "0 The start of an EMP was not completed.");
+}
+
+TEST_F(LastResortTest, ReportThatCouldNotBeTakenCanBeRepeated) {
+    const auto spTicket = boost::make_shared<Ticket>("-1");
+    spTicket->m_Condition.SetDoWaiting(true);
+    BrokerProbe::SetTicket(m_Broker, spTicket->GetSerial(), spTicket);
+
+    EXPECT_THROW(Report("2", "40123|no pid", "0001"), boost::bad_lexical_cast);
+    EXPECT_EQ(spTicket->m_strPort, "");
+    EXPECT_EQ(Report("2", "40123|777", "0001"), "ConfirmComplete");
+
+    EXPECT_EQ(spTicket->m_strPort, "40123");
+    EXPECT_EQ(spTicket->m_Condition.Wait(1), 0);
+}
+
+TEST_F(LastResortTest, OpenForWhichMemoryIsShortLeavesNothingBehind) {
+    m_Fake.AddImage("Weather");
+    m_Fake.mounter.OnMount([] { throw std::bad_alloc{}; });
+    ConnectionInfo info;
+
+    m_Broker.OpenEmp(info, "40001", "Weather", "1.0", "app");
+
+    EXPECT_EQ(LinesOf(m_Log, "OpenEmp").back(), "0 UNEXPECTED ERROR OCCURED, EMP:[Weather].");
+    EXPECT_FALSE(EmpInfo().IsAdded("Weather"));
+    EXPECT_THAT(BrokerProbe::Tickets(m_Broker), IsEmpty());
+    EXPECT_THAT(BrokerProbe::MountCounts(m_Broker), IsEmpty());
 }
 
 TEST_F(LastResortTest, UndoThatFailsInOneStepMakesTheOthers) {

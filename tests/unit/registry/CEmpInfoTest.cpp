@@ -266,6 +266,12 @@ INSTANTIATE_TEST_SUITE_P(
         UnknownCase{"SetTypeOption",
                     [](CEmpInfo& info) { return info.SetTypeOption("Traffic", "0001"); },
                     "0 CEmpInfo::SetTypeOption: [Traffic] is not in map"},
+        UnknownCase{"EndFailedOpen",
+                    [](CEmpInfo& info) {
+                        info.EndFailedOpen("Traffic", true);
+                        return false;
+                    },
+                    "0 CEmpInfo::SetTypeStatus: error : Traffic is not found setStatus(3)"},
         UnknownCase{"SetTypeStatus",
                     [](CEmpInfo& info) { return info.SetTypeStatus("Traffic", EMP_OPENED); },
                     "0 CEmpInfo::SetTypeStatus: error : Traffic is not found setStatus(2)"},

@@ -86,6 +86,7 @@ TEST_F(CRpcServerTest, ClientWaitsUntilThereIsADescriptor) {
     const auto pClient = std::make_shared<TSocket>(nClient);
     // What has been called before, UBSan knows, and opens no pipe of its own to look at.
     VOK_LOG(LEVEL_ERROR, "%s", TTransportException(TTransportException::UNKNOWN).what());
+    ASSERT_TRUE(IsServed(Connected()));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     (void)m_Folder.Path("socket").copy(address.sun_path, sizeof address.sun_path - 1);
