@@ -297,9 +297,9 @@ ForkResult ForkAndExec(const ExecRequest& request) {
         ::clone(&RunChild, static_cast<char*>(pMemory) + kChildMemory, kVforkFlags, &plan);
     if (result.nPid < 0) result.nForkErrno = errno;
     (void)pthread_sigmask(SIG_SETMASK, &former, nullptr);
-#ifdef VOK_THREAD_SANITIZER
+    // Once more, for children that got a memory of their own: ThreadSanitizer's, and every one
+    // where an emulator makes a fork of a vfork.
     if (result.nPid > 0 && request.pPid != nullptr) request.pPid->store(result.nPid);
-#endif
 
     result.nExecErrno = plan.nExecErrno.load();
     return result;
