@@ -99,11 +99,14 @@ public:
 class CLinuxClock : public IClock {
 public:
     void Sleep(std::chrono::microseconds time) override {
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-        timespec left{};
-        left.tv_sec = static_cast<time_t>(seconds.count());
-        left.tv_nsec = static_cast<long>((time - seconds).count()) * 1000;
-        while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) continue;
+        // Until a moment, not for a time: a shower of signals must not make it longer.
+        constexpr std::chrono::microseconds kSecond = std::chrono::seconds(1);
+        timespec end{};
+        (void)::clock_gettime(CLOCK_MONOTONIC, &end);  // this clock exists
+        const auto fraction = time % kSecond + std::chrono::microseconds(end.tv_nsec / 1000);
+        end.tv_sec += static_cast<time_t>(time / kSecond + fraction / kSecond);
+        end.tv_nsec = static_cast<long>((fraction % kSecond).count()) * 1000;
+        while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) continue;
     }
 
     bool SleepUnlessNotified(CVokCondition& condition, std::chrono::milliseconds time) override {
