@@ -289,7 +289,7 @@ std::string RandomBytes(std::mt19937& random) {
 
 TEST_F(Flood, RandomBytes) {
     const unsigned int nSeed = std::random_device{}();
-    std::printf("   seed %u\n", nSeed);
+    std::printf("   random numbers from %u\n", nSeed);
     std::mt19937 random{nSeed};
     constexpr long kConnections = 50;
     RunBeside(

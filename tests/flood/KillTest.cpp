@@ -215,7 +215,7 @@ protected:
 TEST_F(Kill, InTheMiddleOfMixedOperations) {
     const int nRounds = IsLongForm() ? 100 : 10;
     const unsigned int nSeed = std::random_device{}();
-    std::printf("   seed %u\n", nSeed);
+    std::printf("   random numbers from %u\n", nSeed);
     std::mt19937 random{nSeed};
     CDaemon daemon;
     int nDone = 0;
