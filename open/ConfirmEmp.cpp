@@ -50,8 +50,9 @@ void CBroker::ConfirmEMPServer(const std::string& strTicketSerial, const std::st
         return;
     }
 
+    const int nPid = boost::lexical_cast<int>(report.strPid);
     // From here on nothing fails: a ticket is filled and its opener woken, or neither.
-    spTicket->m_nPid = boost::lexical_cast<int>(report.strPid);
+    spTicket->m_nPid = nPid;
     spTicket->m_strPort = std::move(report.strPort);
     spTicket->m_strOption = std::move(strOption);
     spTicket->m_Process = process;

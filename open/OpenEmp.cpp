@@ -79,7 +79,8 @@ private:
     bool m_bMounted = false;  // the image, by this open
     bool m_bIsNew = false;
     bool m_bReuse = false;
-    bool m_bCounted = false;             // the mount count is raised
+    bool m_bCounted = false;  // the mount count is raised
+    bool m_bShortOfMemory = false;
     std::string m_strOption;             // of the known EMP's record
     std::string m_strEmpPort = kNoPort;  // of the server that the client gets
 };
@@ -462,6 +463,7 @@ void COpenOperation::Undo(const std::string& strReason) {
             LowerMountCount();
         } catch (const std::bad_alloc&) {
             if (!m_bCounted) throw;
+            m_bShortOfMemory = true;
             GiveBackMount();  // what this open has added, without a look at the files
         }
     });
@@ -479,6 +481,7 @@ void COpenOperation::Undo(const std::string& strReason) {
 /// Memory was short: takes out of the tables what this open has put there. Needs no memory itself,
 /// but for the unmounting of an image, whose count stays when there is none for that either.
 void COpenOperation::GiveBack() {
+    m_bShortOfMemory = true;
     if (m_bCounted) Attempt([this] { GiveBackMount(); });
     if (!m_spTicket) return;
 
@@ -533,6 +536,8 @@ bool COpenOperation::UnmountImage() {
         OPEN_LOG(LEVEL_DETAIL, "Umount for [%s] EMP Succeeded!", m_strImage.c_str());
         return true;
     }
+    // It may not even have been tried: whoever comes next tries again.
+    if (m_bShortOfMemory) return false;
     if (m_Broker.CheckEmpFile(paths::DownloadedProgram(m_strImage).c_str())) return false;
 
     OPEN_LOG(LEVEL_ERROR, "TargetEmpFile:[%s] doesn't exist, remove it from [m_mapEmp]",

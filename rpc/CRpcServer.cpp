@@ -22,6 +22,7 @@ using apache::thrift::concurrency::Runnable;
 using apache::thrift::concurrency::Synchronized;
 using apache::thrift::concurrency::SystemResourceException;
 using apache::thrift::concurrency::Thread;
+using apache::thrift::protocol::TProtocol;
 using apache::thrift::transport::TTransportException;
 
 namespace {
@@ -82,6 +83,30 @@ public:
     }
 };
 
+/// Ends a connection in whose call something fails that the library does not expect, memory as a
+/// rule; in its thread nobody else would catch it.
+class CContainedProcessor : public apache::thrift::TProcessor {
+public:
+    explicit CContainedProcessor(std::shared_ptr<TProcessor> pProcessor)
+        : m_pProcessor(std::move(pProcessor)) {}
+
+    bool process(std::shared_ptr<TProtocol> pIn, std::shared_ptr<TProtocol> pOut,
+                 void* pContext) override {
+        try {
+            return m_pProcessor->process(std::move(pIn), std::move(pOut), pContext);
+        } catch (const apache::thrift::TException&) {
+            throw;  // the usual end of a connection
+        } catch (const std::exception& e) {
+            VOK_CLASS_LOG_AS("CRpcServer", "process", LEVEL_ERROR,
+                             "A call is given up, and its client dropped: %s", e.what());
+            return false;
+        }
+    }
+
+private:
+    const std::shared_ptr<TProcessor> m_pProcessor;
+};
+
 /// True while the socket still accepts connections: the failure was a passing one.
 bool IsListening(int nFd) {
     int nListening = 0;
@@ -137,8 +162,8 @@ CRpcServer::CRpcServer(
     const std::shared_ptr<CRpcServerSocket>& pSocket,
     const std::shared_ptr<apache::thrift::transport::TTransportFactory>& pTransports,
     const std::shared_ptr<apache::thrift::protocol::TProtocolFactory>& pProtocols)
-    : TThreadedServer(pProcessor, pSocket, pTransports, pProtocols,
-                      std::make_shared<CConnectionThreadFactory>()) {
+    : TThreadedServer(std::make_shared<CContainedProcessor>(pProcessor), pSocket, pTransports,
+                      pProtocols, std::make_shared<CConnectionThreadFactory>()) {
     setConcurrentClientLimit(
         ConnectionLimit(static_cast<unsigned long>(std::min<rlim_t>(DescriptorLimit(), LONG_MAX))));
 }

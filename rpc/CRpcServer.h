@@ -26,7 +26,8 @@ protected:
 };
 
 /// One thread for each client, with kConnectionStack bytes of stack and all signals blocked when
-/// the thread that serves has them blocked. A client for which no thread can be made is dropped.
+/// the thread that serves has them blocked. A client is dropped when no thread can be made for it,
+/// or when memory runs out in one of its calls.
 ///
 /// Connections are limited so that descriptors are left for calls to peers; further clients wait in
 /// the backlog until one leaves.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace vok {
 
@@ -9,8 +10,10 @@ using apache::thrift::transport::TTransportException;
 
 std::uint32_t CTextTransport::readEnd() {
     resetConsumedMessageSize();
-    // What one long text has taken is not kept for the rest of the connection.
-    if (rBase_ == rBound_ && rBufSize_ > DEFAULT_BUFFER_SIZE) Resize(DEFAULT_BUFFER_SIZE);
+    // What one long text has taken is not kept for the rest of the connection, also when the next
+    // message is on its way. Kept is it only while there is no memory to do without it.
+    if (rBufSize_ > DEFAULT_BUFFER_SIZE && rBound_ - rBase_ <= DEFAULT_BUFFER_SIZE)
+        (void)Resize(DEFAULT_BUFFER_SIZE);
     return 0;
 }
 
@@ -35,17 +38,20 @@ void CTextTransport::MakeRoom(std::uint32_t nHave, std::uint32_t nNeed) {
         setReadBuffer(rBuf_.get(), nHave);
     }
     // At most twice of what has come.
-    if (nHave == rBufSize_) Resize(rBufSize_ > nNeed / 2 ? nNeed : rBufSize_ * 2);
+    if (nHave == rBufSize_ && !Resize(rBufSize_ > nNeed / 2 ? nNeed : rBufSize_ * 2))
+        throw std::bad_alloc();
 }
 
-/// The unread bytes, which begin the buffer, stay.
-void CTextTransport::Resize(std::uint32_t nSize) {
+/// The unread bytes stay, and begin the buffer then. False, and nothing changes, without memory.
+bool CTextTransport::Resize(std::uint32_t nSize) {
     const auto nHave = static_cast<std::uint32_t>(rBound_ - rBase_);
-    boost::scoped_array<std::uint8_t> buffer{new std::uint8_t[nSize]};
+    boost::scoped_array<std::uint8_t> buffer{new (std::nothrow) std::uint8_t[nSize]};
+    if (!buffer) return false;
     std::memcpy(buffer.get(), rBase_, nHave);
     rBuf_.swap(buffer);
     rBufSize_ = nSize;
     setReadBuffer(rBuf_.get(), nHave);
+    return true;
 }
 
 }  // namespace vok

@@ -24,7 +24,7 @@ public:
 
 private:
     void MakeRoom(std::uint32_t nHave, std::uint32_t nNeed);
-    void Resize(std::uint32_t nSize);
+    [[nodiscard]] bool Resize(std::uint32_t nSize);
 };
 
 class CTextTransportFactory : public apache::thrift::transport::TTransportFactory {

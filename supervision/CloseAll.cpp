@@ -28,14 +28,14 @@ ConnectionInfo MakeConnectionInfo(const ConnectionKey& key, const std::string& s
     return info;
 }
 
-/// Looks at one client. False also when that was not completed.
+/// Looks at one client, or at what all clients of an EMP share. False also when that was not
+/// completed.
 template <typename Look>
-bool LookAt(const char* szOperation, const std::string& strClientPort, Look&& look) {
+bool LookAt(const char* szOperation, const std::string& strWhom, Look&& look) {
     try {
         return look();
     } catch (...) {
-        VOK_LOG_AS(szOperation, LEVEL_ERROR, "Client [%s] was not looked at to the end.",
-                   strClientPort.c_str());
+        VOK_LOG_AS(szOperation, LEVEL_ERROR, "[%s] was not looked at to the end.", strWhom.c_str());
         return false;
     }
 }
@@ -49,11 +49,15 @@ int CBroker::CloseAllEmpWithAppID(std::string strAppId, std::string strWidgetId)
 
     int nClosed = 0;
     for (const auto& [key, data] : m_ConnectionDB.GetConnectionDB()) {
-        (void)spProxy->SetIP(GetEmpIP(WhereIsEMP(key.first)));
+        // Every EMP serves at the same address: an EMP whose place cannot be looked up is asked at
+        // that of the one before.
+        (void)LookAt("CloseAllEmpWithAppID", key.first, [&, &strEmp = key.first] {
+            return spProxy->SetIP(GetEmpIP(WhereIsEMP(strEmp)));
+        });
         for (const std::string& strClientPort : data.m_setClientPort) {
-            const ConnectionInfo info = MakeConnectionInfo(key, strClientPort);
-            const bool bClosed = LookAt("CloseAllEmpWithAppID", strClientPort, [&] {
-                return CloseOfApplication(*spProxy, info, strAppId, strWidgetId);
+            const bool bClosed = LookAt("CloseAllEmpWithAppID", strClientPort, [&, &key = key] {
+                return CloseOfApplication(*spProxy, MakeConnectionInfo(key, strClientPort),
+                                          strAppId, strWidgetId);
             });
             if (bClosed) ++nClosed;
         }
@@ -101,9 +105,9 @@ int CBroker::SweepZombies() {
                   key.second.c_str());
         for (const std::string& strClientPort : data.m_setClientPort) {
             SWEEP_LOG(LEVEL_TRACE, "\ttest zombie ClientPort[%s]", strClientPort.c_str());
-            const ConnectionInfo info = MakeConnectionInfo(key, strClientPort);
-            const bool bClosed = LookAt("PingTest_For_Webkit", strClientPort,
-                                        [&] { return CloseIfZombie(*spEmpProxy, info); });
+            const bool bClosed = LookAt("PingTest_For_Webkit", strClientPort, [&, &key = key] {
+                return CloseIfZombie(*spEmpProxy, MakeConnectionInfo(key, strClientPort));
+            });
             if (bClosed) ++nClosed;
         }
     }

@@ -103,7 +103,8 @@ public:
         constexpr std::chrono::microseconds kSecond = std::chrono::seconds(1);
         timespec end{};
         (void)::clock_gettime(CLOCK_MONOTONIC, &end);  // this clock exists
-        const auto fraction = time % kSecond + std::chrono::microseconds(end.tv_nsec / 1000);
+        // Up, as a sleep is never shorter.
+        const auto fraction = time % kSecond + std::chrono::microseconds(end.tv_nsec / 1000 + 1);
         end.tv_sec += static_cast<time_t>(time / kSecond + fraction / kSecond);
         end.tv_nsec = static_cast<long>((fraction % kSecond).count()) * 1000;
         while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) continue;

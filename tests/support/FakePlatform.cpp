@@ -69,6 +69,7 @@ const std::string* CFakeFiles::Find(const std::string& strPath) const {
 }
 
 bool CFakeFiles::Exists(const char* szPath) {
+    if (m_OnExists) m_OnExists(szPath);
     const Guard lock{m_Mutex};
     m_Calls.push_back(std::string("Exists ") + szPath);
     return Find(szPath) != nullptr;

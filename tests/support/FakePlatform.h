@@ -68,6 +68,10 @@ public:
     void Delete(const std::string& strPath);
     /// From now on Move, CreateEmpty and Remove fail and change nothing.
     void FailChanges();
+    /// Called with every path that Exists is asked for. May throw.
+    void OnExists(std::function<void(const std::string& strPath)> hook) {
+        m_OnExists = std::move(hook);
+    }
 
     /// "<operation> <path>" (Move: both paths), in order.
     std::vector<std::string> Calls() const;
@@ -76,10 +80,11 @@ private:
     /// Null when there is no such file.
     const std::string* Find(const std::string& strPath) const;
 
-    mutable std::mutex m_Mutex;  // guards all that follows
+    mutable std::mutex m_Mutex;  // guards all that follows, the hook excepted
     std::map<std::string, std::string> m_mapContent;
     bool m_bFailChanges = false;
     std::vector<std::string> m_Calls;
+    std::function<void(const std::string&)> m_OnExists;
 };
 
 /// One start of a process.

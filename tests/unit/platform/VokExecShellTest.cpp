@@ -81,7 +81,7 @@ TEST(VokExecShell, DoesNotWaitForWhatStaysBehind) {
     EXPECT_THAT(log.Messages(), ElementsAre("before"));
     // Fails (ENXIO) only when nobody waits at the other end any more.
     CUniqueFd fifo;
-    const auto deadline = Clock::now() + 10s;
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
     while (!fifo.IsOpen() && Clock::now() < deadline) {
         fifo.Reset(::open(strFifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
     }

@@ -32,14 +32,29 @@ using apache::thrift::transport::TTransport;
 using apache::thrift::transport::TTransportException;
 using test::CLogCapture;
 
-/// Has no memory for a client, as often as it is told.
+/// Has no memory for the end of a call, as often as it is told.
+class CForgetfulTransport : public TBufferedTransport {
+public:
+    CForgetfulTransport(const std::shared_ptr<TTransport>& pTransport, std::atomic<int>& nFailures)
+        : TBufferedTransport(pTransport), m_nFailures(nFailures) {}
+    std::uint32_t readEnd() override {
+        if (m_nFailures-- > 0) throw std::bad_alloc{};
+        return TBufferedTransport::readEnd();
+    }
+
+private:
+    std::atomic<int>& m_nFailures;
+};
+
+/// Has no memory for a client, or for a call, as often as it is told.
 class CForgetfulFactory : public TBufferedTransportFactory {
 public:
     std::shared_ptr<TTransport> getTransport(std::shared_ptr<TTransport> pTransport) override {
         if (m_nFailures-- > 0) throw std::bad_alloc{};
-        return TBufferedTransportFactory::getTransport(pTransport);
+        return std::make_shared<CForgetfulTransport>(pTransport, m_nCallFailures);
     }
     std::atomic<int> m_nFailures{0};
+    std::atomic<int> m_nCallFailures{0};
 };
 
 /// A server that answers `false` to every CloseEmp.
@@ -109,6 +124,17 @@ TEST_F(CRpcServerTest, ClientForWhichThereIsNoMemoryIsDropped) {
     m_pTransports->m_nFailures = 1;
     EXPECT_FALSE(IsServed(Connected()));
     EXPECT_TRUE(m_Log.WaitForLine(LEVEL_ERROR, "CRpcServer::serve", "No memory for a client."))
+        << m_Log.Text();
+    EXPECT_TRUE(IsServed(Connected())) << "and the next is served";
+}
+
+TEST_F(CRpcServerTest, ClientInWhoseCallMemoryRunsOutIsDropped) {
+    const auto pClient = Connected();
+    ASSERT_TRUE(IsServed(pClient));
+    m_pTransports->m_nCallFailures = 1;
+    EXPECT_FALSE(IsServed(pClient));
+    EXPECT_TRUE(m_Log.WaitForLine(LEVEL_ERROR, "CRpcServer::process",
+                                  "A call is given up, and its client dropped: std::bad_alloc"))
         << m_Log.Text();
     EXPECT_TRUE(IsServed(Connected())) << "and the next is served";
 }

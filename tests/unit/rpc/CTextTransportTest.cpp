@@ -93,6 +93,15 @@ TEST_F(CTextTransportTest, LongTextIsNotPaidForUntilTheConnectionEnds) {
     EXPECT_LE(m_pPeer->Last(), 512U);
 }
 
+TEST_F(CTextTransportTest, LongTextIsNotPaidForByAClientThatIsAlwaysAhead) {
+    // The first byte of the next text comes along with the long one.
+    Connect(Length(50'000) + std::string(50'000, 'x') + Length(3) + "abc", 50'005);
+    EXPECT_EQ(ReadText().size(), 50'000U);
+    m_pTransport->readEnd();
+    EXPECT_EQ(ReadText(), "abc");
+    EXPECT_LE(m_pPeer->Last(), 512U);
+}
+
 // The RPC library counts what a connection has brought, and would end it after 100 MiB in all.
 TEST_F(CTextTransportTest, ServesAConnectionForEver) {
     const std::string strText(1'000'000, 'x');

@@ -1,8 +1,10 @@
 #include <functional>
 #include <memory>
+#include <new>
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/BrokerLocks.h"
@@ -16,6 +18,7 @@ namespace vok {
 namespace {
 
 using namespace test;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
@@ -276,6 +279,20 @@ TEST_F(CloseAllTest, NoLockIsHeldDuringTheCalls) {
     EXPECT_EQ(nCalls, 2);
 }
 
+TEST_F(CloseAllTest, GoesOnWhereNoMemoryIsLeftToLookAnEmpUp) {
+    Connect("Clock", m_strPort, "40001");
+    Connect("Weather", m_strPort, "40001");
+    bool bFailed = false;
+    m_Fake.files.OnExists([&](const std::string& strPath) {
+        if (strPath.find("Clock") == std::string::npos || std::exchange(bFailed, true)) return;
+        throw std::bad_alloc();
+    });
+
+    EXPECT_EQ(CloseAll(), 2);
+
+    EXPECT_THAT(m_Log.Messages(LEVEL_ERROR), Contains("[Clock] was not looked at to the end."));
+}
+
 TEST_F(CloseAllTest, WhoComesMeanwhileIsNotSeen) {
     Connect("Weather", m_strPort, "40001");
     m_Emp.OnCall([this](const EmpCall&) {
@@ -323,8 +340,8 @@ TEST_F(RecordingSweepTest, CloseAllGoesOnAfterExceptions) {
 
     EXPECT_THAT(m_Broker.closed, SizeIs(3));
     EXPECT_THAT(m_Log.Messages(LEVEL_ERROR),
-                IsSupersetOf({"Client [40001] was not looked at to the end.",
-                              "Client [40002] was not looked at to the end."}));
+                IsSupersetOf({"[40001] was not looked at to the end.",
+                              "[40002] was not looked at to the end."}));
     EXPECT_EQ(LinesOf(m_Log, "CloseAllEmpWithAppID").back(), "4 End with retCnt:[1]");
 }
 
@@ -627,8 +644,8 @@ TEST_F(RecordingSweepTest, SweepGoesOnAfterExceptions) {
 
     EXPECT_THAT(m_Broker.closed, SizeIs(3));
     EXPECT_THAT(m_Log.Messages(LEVEL_ERROR),
-                IsSupersetOf({"Client [/no/such/client] was not looked at to the end.",
-                              "Client [/no/such/other] was not looked at to the end."}));
+                IsSupersetOf({"[/no/such/client] was not looked at to the end.",
+                              "[/no/such/other] was not looked at to the end."}));
     EXPECT_EQ(LinesOf(m_Log, "PingTest_For_Webkit").back(), "4 End");
 }
 
