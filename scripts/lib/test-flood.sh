@@ -10,7 +10,7 @@ run_flood() {
     cmake --preset ci && cmake --build --preset ci --target vok_flood_tests
   ) || return
 
-  VOK_FLOOD=$form VOK_BROKER_UNDER_TEST=$build/bin/vok-broker "$build/bin/vok_flood_tests" ||
+  VOK_FORM=$form VOK_BROKER_UNDER_TEST=$build/bin/vok-broker "$build/bin/vok_flood_tests" ||
     status=$?
   if ((status == 77)); then
     echo "The floods are skipped: no private world can be made here."

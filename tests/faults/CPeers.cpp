@@ -13,7 +13,7 @@
 #include <fstream>
 
 #include "tests/faults/FaultPeer.h"
-#include "tests/faults/Footprint.h"
+#include "tests/support/Footprint.h"
 #include "tests/support/CDaemon.h"
 
 namespace vok::test {

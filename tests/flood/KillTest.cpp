@@ -2,7 +2,6 @@
 // left behind does not pile up.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <thrift/Thrift.h>
 
 #include <algorithm>
@@ -10,17 +9,14 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <memory>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "platform/EmpPaths.h"
 #include "tests/daemon/OpenCloseTest.h"
 #include "tests/flood/Form.h"
 #include "tests/support/CAdminClient.h"
-#include "tests/support/CLauncherProcess.h"
+#include "tests/support/CEmpKinds.h"
 #include "tests/support/CPrivateWorld.h"
 
 namespace vok::test {
@@ -28,33 +24,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kProcess[] = "Weather";
-constexpr char kRegistered[] = "Radio";
-constexpr char kLauncher[] = "RadioLauncher";
-constexpr char kGroup[] = "Group";
-constexpr char kHosted[] = "First";
+constexpr const char* kProcess = CEmpKinds::kProcess;
+constexpr const char* kRegistered = CEmpKinds::kRegistered;
+constexpr const char* kGroup = CEmpKinds::kGroup;
+constexpr const char* kHosted = CEmpKinds::kHosted;
 constexpr int kClients = 8;
 constexpr int kOperations = 200;
-
-/// How many file systems are mounted at a place, one on the other.
-int CountMounts(const std::string& strPoint) {
-    std::ifstream mounts("/proc/self/mounts");
-    int nMounts = 0;
-    for (std::string strLine; std::getline(mounts, strLine);) {
-        std::istringstream fields(strLine);
-        std::string strSource;
-        std::string strTarget;
-        if (fields >> strSource >> strTarget && strTarget == strPoint) ++nMounts;
-    }
-    return nMounts;
-}
-
-int CountAllMounts() {
-    std::ifstream mounts("/proc/self/mounts");
-    int nMounts = 0;
-    for (std::string strLine; std::getline(mounts, strLine);) ++nMounts;
-    return nMounts;
-}
 
 void EndProcessesOf(const std::string& strProgram) {
     for (const int nPid : ProcessesOf(strProgram)) (void)::kill(nPid, SIGKILL);
@@ -137,32 +112,6 @@ private:
 
 class Kill : public ::testing::Test {
 protected:
-    void SetUp() override {
-        CEmpInstaller::Preinstall(kProcess);
-        CEmpInstaller::PreinstallCopy(kGroup, "example-grouping-emp");
-        const fs::path folder = fs::path(CEmpInstaller::ProgramPath(kGroup)).parent_path();
-        std::ofstream(folder / "empGroup.xml")
-            << "<Emp><Version>1.0</Version><GroupingEmps><Name>First</Name></GroupingEmps></Emp>\n"
-            << std::flush;
-        // Loop devices are the machine's: a name that no other world has. Without them, an image
-        // cannot be mounted, and a program takes its place.
-        std::string strReason;
-        struct stat info {};
-        ASSERT_EQ(::stat("/opt", &info), 0);
-        m_strImageEmp = "Image" + std::to_string(info.st_dev);
-        m_bImages = CPrivateWorld::MayLoopMount(&strReason);
-        if (m_bImages)
-            CEmpInstaller::InstallImage(m_strImageEmp);
-        else
-            CEmpInstaller::Preinstall(m_strImageEmp);
-        if (!m_bImages) std::printf("   no images: %s\n", strReason.c_str());
-    }
-
-    std::string ImageProgram() const {
-        return m_bImages ? CEmpInstaller::MountPoint(m_strImageEmp) + "/emp" + m_strImageEmp
-                         : CEmpInstaller::ProgramPath(m_strImageEmp);
-    }
-
     void Start(CDaemon& daemon) {
         CDaemon::Options options;
         options.nLogLevel = 3;
@@ -174,8 +123,7 @@ protected:
     /// Every kind of EMP opens, answers and closes.
     void ExpectServes() {
         EXPECT_EQ(CBrokerClient().Version(), "5.100");
-        for (const std::string& strEmp : {std::string(kProcess), m_strImageEmp,
-                                          std::string(kRegistered), std::string(kHosted)}) {
+        for (const std::string& strEmp : m_Kinds.Names()) {
             const ConnectionInfo info = vok::test::OpenEmp(strEmp, "43000");
             ASSERT_THAT(info, IsConnected()) << strEmp;
             EXPECT_EQ(Ask(info.empPort, "Ping"), "1") << strEmp;
@@ -205,11 +153,12 @@ protected:
     void EndEmps() {
         EndProcessesOf(CEmpInstaller::ProgramPath(kProcess));
         EndProcessesOf(CEmpInstaller::ProgramPath(kGroup));
-        EndProcessesOf(ImageProgram());
+        EndProcessesOf(m_Kinds.ImageProgram());
     }
 
-    std::string m_strImageEmp;
-    bool m_bImages = false;
+    const CEmpKinds m_Kinds;
+    const std::string m_strImageEmp = m_Kinds.Image();
+    const bool m_bImages = m_Kinds.HasImages();
 };
 
 TEST_F(Kill, InTheMiddleOfMixedOperations) {
@@ -225,9 +174,7 @@ TEST_F(Kill, InTheMiddleOfMixedOperations) {
         SCOPED_TRACE("round " + std::to_string(nRound));
         if (m_bImages && CountMounts(CEmpInstaller::MountPoint(m_strImageEmp)) > 0) ++nFoundMounted;
         ASSERT_NO_FATAL_FAILURE(Start(daemon));
-        const auto pLauncher = std::make_unique<CLauncherProcess>(
-            "fake-launcher",
-            std::vector<std::string>{kLauncher, std::string(kRegistered) + "=serve"});
+        const auto pLauncher = CEmpKinds::StartLauncher();
         ASSERT_NE(pLauncher->Port(), "");
         ASSERT_NO_FATAL_FAILURE(ExpectServes());
 
@@ -250,8 +197,7 @@ TEST_F(Kill, InTheMiddleOfMixedOperations) {
     }
     EndEmps();
     ASSERT_NO_FATAL_FAILURE(Start(daemon));
-    const CLauncherProcess launcher{"fake-launcher",
-                                    {kLauncher, std::string(kRegistered) + "=serve"}};
+    const auto pLauncher = CEmpKinds::StartLauncher();
     ExpectServes();
     ExpectImageGoes();
     EXPECT_EQ(daemon.Stop(), CDaemon::kOrderly);

@@ -75,6 +75,17 @@ fs::path ImageContent(const std::string& strEmp) {
     return "/run/images/" + strEmp;
 }
 
+std::vector<int> AllProcesses() {
+    std::vector<int> pids;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+        const std::string strName = entry.path().filename();
+        if (strName.find_first_not_of("0123456789") == std::string::npos)
+            pids.push_back(std::stoi(strName));
+    }
+    std::sort(pids.begin(), pids.end());
+    return pids;
+}
+
 }  // namespace
 
 CEmpBehaviour& CEmpBehaviour::With(const std::string& strKey, const std::string& strValue) {
@@ -158,16 +169,17 @@ std::string CEmpInstaller::BuiltProgram(const std::string& strProgram) {
     return CPrivateWorld::ProgramFolder() / strProgram;
 }
 
+int CountAllProcesses() {
+    return static_cast<int>(AllProcesses().size());
+}
+
 std::vector<int> ProcessesOf(const std::string& strProgram) {
     std::vector<int> pids;
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
-        const std::string strName = entry.path().filename();
-        if (strName.find_first_not_of("0123456789") != std::string::npos) continue;
+    for (const int nPid : AllProcesses()) {
         std::error_code gone;  // or a process that has ended
-        if (fs::read_symlink(entry.path() / "exe", gone) == strProgram)
-            pids.push_back(std::stoi(strName));
+        if (fs::read_symlink("/proc/" + std::to_string(nPid) + "/exe", gone) == strProgram)
+            pids.push_back(nPid);
     }
-    std::sort(pids.begin(), pids.end());
     return pids;
 }
 
@@ -180,14 +192,26 @@ bool WaitForProcesses(const std::string& strProgram, std::size_t nProcesses) {
 }
 
 bool IsMounted(const std::string& strPoint) {
+    return CountMounts(strPoint) > 0;
+}
+
+int CountMounts(const std::string& strPoint) {
     std::ifstream mounts("/proc/self/mounts");
+    int nMounts = 0;
     for (std::string strLine; std::getline(mounts, strLine);) {
         std::istringstream fields(strLine);
         std::string strSource;
         std::string strTarget;
-        if (fields >> strSource >> strTarget && strTarget == strPoint) return true;
+        if (fields >> strSource >> strTarget && strTarget == strPoint) ++nMounts;
     }
-    return false;
+    return nMounts;
+}
+
+int CountAllMounts() {
+    std::ifstream mounts("/proc/self/mounts");
+    int nMounts = 0;
+    for (std::string strLine; std::getline(mounts, strLine);) ++nMounts;
+    return nMounts;
 }
 
 int CountLoopDevices(const std::string& strImage) {

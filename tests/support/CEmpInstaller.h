@@ -66,6 +66,8 @@ public:
     static std::string BuiltProgram(const std::string& strProgram);
 };
 
+/// How many processes there are in this world, also such as have ended and are not waited for.
+int CountAllProcesses();
 /// The pids of all processes in this world that run the file.
 std::vector<int> ProcessesOf(const std::string& strProgram);
 /// Waits until no process runs the file any more; false when one still does at the end.
@@ -75,6 +77,10 @@ bool WaitForProcesses(const std::string& strProgram, std::size_t nProcesses);
 
 /// True when something is mounted there.
 bool IsMounted(const std::string& strPoint);
+/// How many file systems are mounted there, one on the other.
+int CountMounts(const std::string& strPoint);
+/// And anywhere in this world.
+int CountAllMounts();
 /// How many loop devices of the machine serve a file of that path. Paths are those of the world
 /// that set the device up, so it has to be one that no other test uses.
 int CountLoopDevices(const std::string& strImage);

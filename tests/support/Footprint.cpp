@@ -1,4 +1,4 @@
-#include "tests/faults/Footprint.h"
+#include "tests/support/Footprint.h"
 
 #include <sys/stat.h>
 
@@ -32,13 +32,6 @@ int CountProcesses() {
         const std::string strName = entry.path().filename();
         if (IsNumber(strName) && IsAlive(std::stoi(strName))) ++nCount;
     }
-    return nCount;
-}
-
-int CountMounts() {
-    std::ifstream mounts("/proc/self/mountinfo");
-    int nCount = 0;
-    for (std::string strLine; std::getline(mounts, strLine);) ++nCount;
     return nCount;
 }
 
@@ -80,7 +73,7 @@ Footprint Measure(const CDaemon& daemon, const std::string& strImage) {
     footprint.nProcesses = CountProcesses();
     footprint.nThreads = static_cast<int>(daemon.Threads().size());
     footprint.nDescriptors = static_cast<int>(daemon.OpenDescriptors().size());
-    footprint.nMounts = CountMounts();
+    footprint.nMounts = CountAllMounts();
     footprint.nLoopDevices = CountLoopDevices(strImage);
     return footprint;
 }
