@@ -101,12 +101,12 @@ inline StartEmp() {
     fi
 }
 
-/* COpenOperation::Undo */
+/* COpenOperation::Undo; and GiveBack, which takes the same locks in the same order */
 inline Undo() {
-    Take(m_mtxMapEmp);               /* LowerMountCount, held over the unmount */
+    WithoutLocks();                  /* ReportLogToServer: the head start of the report */
+    Take(m_mtxMapEmp);               /* GiveBackMount, held over the unmount */
     Lock(m_mtxTicket);
-    Take(m_mtxInfo);                 /* IsAdded */
-    Take(m_mtxInfo);                 /* Remove, SetTypeStatus */
+    Take(m_mtxInfo);                 /* EndFailedOpen */
     Unlock(m_mtxTicket)
 }
 
@@ -130,9 +130,14 @@ inline CloseEmp() {
         CheckStatus();
         Take(m_mtxInfo);             /* GetTypeStatus */
         WithoutLocks();              /* CBrokerProxyEmp::Close */
-        Take(m_mtxInfo);             /* RecordClose: GetTypeOption, SetTypeStatus */
-        Take(m_mtxInfo);             /* Remove */
-        Take(m_mtxConnection)        /* RemoveConnectionData, RemoveClientPortFromConnDB */
+        if
+        :: true ->
+            Take(m_mtxInfo);         /* RecordClose: GetTypeOption, SetTypeStatus */
+            Take(m_mtxInfo);         /* Remove */
+            Take(m_mtxConnection)    /* RemoveConnectionData, RemoveClientPortFromConnDB */
+        :: true ->
+            Take(m_mtxMapEmp)        /* RaiseMountCountAgain: memory was short, before or after */
+        fi
     }
 }
 
@@ -156,6 +161,7 @@ active proctype Open() {
     :: true ->
         Take(m_mtxMapEmp);           /* ForgetMountCount */
         Take(m_mtxTicket)            /* Refuse */
+    :: true -> Undo()                /* GiveBack: from any step, but none holds a lock over it */
     :: true ->
         atomic {
             Take(m_mtxTicket);       /* StartAndAwaitReport */
@@ -169,7 +175,7 @@ active proctype Open() {
                 Take(m_mtxTicket);   /* KeepReport */
                 Take(m_mtxInfo);     /* SetTypeOption */
                 Take(m_mtxInfo);     /* SetEmpProcess */
-                Take(m_mtxConnection);  /* RecordConnection: AddConnectionData */
+                Take(m_mtxConnection);  /* Succeed: AddConnectionData */
                 Take(m_mtxInfo)      /* SetTypeStatus */
             }
         fi

@@ -12,8 +12,8 @@
  * What holds:
  *   - no report is lost: who notifies before the opener's time is over makes its wait succeed;
  *   - an open succeeds only by a report, and keeps one report whole, never a mixture of two;
- *   - a ticket is erased when its open is refused or undone, and only then, and no opener in
- *     progress loses its ticket otherwise;
+ *   - a ticket is erased when its open is refused, undone or given back, and only then, and no
+ *     opener in progress loses its ticket otherwise;
  *   - nobody blocks and nobody goes round for ever: every opener and every report ends.
  */
 #include "CVokCondition.pml"
@@ -32,7 +32,10 @@
 #define EMPTY 1
 #define TICKET 2
 
-mtype = { under_way, refused, reused, opened, undone, left_as_is };
+mtype = { under_way, refused, reused, opened, undone, given_back, left_as_is };
+
+/* Such an open has taken its ticket out of the table. */
+#define ERASES(how) (how == refused || how == undone || how == given_back)
 
 typedef Ticket {
     CVokCondition m_Condition;
@@ -72,6 +75,14 @@ inline Lock() {
 
 inline Unlock() {
     m_mtxTicket = false
+}
+
+/* A step of an opener that needs memory: std::bad_alloc ends the open there. */
+inline MayLackMemory() {
+    if
+    :: skip
+    :: goto GiveBack
+    fi
 }
 
 /* PruneTickets (registry/Ticket.cpp). Without MAX_TICKETS, the table never gets that long. */
@@ -126,6 +137,10 @@ proctype Opener(byte serial) {
 #endif
     atomic {
         NotLocked();
+        if
+        :: m_mapTicket[serial] == ABSENT -> goto GiveBack    /* no memory for the entry */
+        :: skip
+        fi;
         m_mapTicket[serial] = TICKET;    /* in the place of what an early report has left */
         PruneTickets()
     };
@@ -135,6 +150,7 @@ proctype Opener(byte serial) {
     :: skip
     :: goto Refuse
     :: goto ReuseServer
+    :: goto GiveBack
     :: outcome[serial] = left_as_is;    /* an unknown failure: nothing is undone */
        goto FinishTicket
     fi;
@@ -147,6 +163,7 @@ proctype Opener(byte serial) {
     if
     :: skip
     :: goto Undo    /* "Start Emp failed" */
+    :: goto GiveBack
     fi;
 
     /* AwaitReport */
@@ -166,7 +183,8 @@ proctype Opener(byte serial) {
     };
     if
     :: bWoken
-    :: else -> goto Undo
+    :: !bWoken -> goto Undo
+    :: !bWoken -> goto GiveBack    /* no memory for the reason */
     fi;
 
     /* KeepReport: a second report may be about to write the ticket. */
@@ -178,8 +196,9 @@ proctype Opener(byte serial) {
     keptOption = ticket[serial].m_strOption;
     keptPid = ticket[serial].m_nPid;
 #ifndef MISTAKE_KEPT_WITHOUT_LOCK
-    Unlock();
+    Unlock();    /* also when there is no memory for a copy */
 #endif
+    MayLackMemory();
     d_step {
         assert(bNotified[serial]);
         assert(keptPort != 0 && keptPid == keptPort);
@@ -190,13 +209,18 @@ proctype Opener(byte serial) {
     :: skip                            /* it has an option, or is known already */
     fi;
 
-    /* RecordConnection, FillResult. The ticket stays for late reports. */
+    /* Succeed: needs memory at its beginning only. The ticket stays for late reports. */
+    MayLackMemory();
     outcome[serial] = opened;
     goto FinishTicket;
 
 ReuseServer:
     atomic { NotLocked(); ticket[serial].m_strPort = BY_REUSE };
-    outcome[serial] = reused;
+    if    /* RaiseMountCount, CheckEmpStatus, Succeed */
+    :: outcome[serial] = reused
+    :: goto Refuse
+    :: goto GiveBack
+    fi;
     goto FinishTicket;
 
 Refuse:
@@ -211,12 +235,21 @@ Undo:
 #endif
         outcome[serial] = undone
     };
+    goto FinishTicket;
+
+GiveBack:    /* memory was short, in whatever step */
+    atomic {
+        NotLocked();
+#ifndef MISTAKE_GIVE_BACK_FORGETS_TICKET
+        m_mapTicket[serial] = ABSENT;
+#endif
+        outcome[serial] = given_back
+    };
 
 FinishTicket:
     atomic {
         NotLocked();
-        assert((m_mapTicket[serial] == TICKET) ==
-               (outcome[serial] != refused && outcome[serial] != undone));
+        assert((m_mapTicket[serial] == TICKET) == !ERASES(outcome[serial]));
         ticket[serial].m_bInProgress = false;
         ticket[serial].m_bAwaitsReport = false;
         keptPid = 0;
@@ -306,9 +339,9 @@ init {
         for (n : 0 .. OPENERS - 1) {
             assert(outcome[n] != under_way);
             assert(!ticket[n].m_bAwaitsReport);
-            assert(m_mapTicket[n] != TICKET || (outcome[n] != refused && outcome[n] != undone));
+            assert(m_mapTicket[n] != TICKET || !ERASES(outcome[n]));
 #ifndef MAX_TICKETS
-            assert(m_mapTicket[n] == TICKET || outcome[n] == refused || outcome[n] == undone)
+            assert(m_mapTicket[n] == TICKET || ERASES(outcome[n]))
 #endif
         }
     }

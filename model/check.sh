@@ -105,11 +105,13 @@ check_all() {
   finds 'non-progress cycle' ANNOUNCED_LATE StartTicket "${one_opener[@]}"
   finds 'assertion violated ((keptOption' KEPT_WITHOUT_LOCK StartTicket
   finds 'assertion violated ((m_mapTicket' UNDO_FORGETS_TICKET StartTicket
+  finds 'assertion violated ((m_mapTicket' GIVE_BACK_FORGETS_TICKET StartTicket
 
   holds states 'nobody blocks for ever' LockOrder
   finds 'invalid end state' COUNT_BEFORE_TABLE LockOrder
   finds 'invalid end state' RECORD_BEFORE_TICKET LockOrder
   finds 'invalid end state' USE_BEFORE_LAUNCHERS LockOrder
+  finds 'invalid end state' CONNECTIONS_BEFORE_LAUNCHERS LockOrder
   finds 'invalid end state' COUNTED_UNDER_LOCK LockOrder
   finds 'assertion violated (nHeld==0)' CLOSED_UNDER_LOCK LockOrder
 }

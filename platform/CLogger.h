@@ -15,7 +15,8 @@ struct KpiEventHeader {
 };
 
 /// One logger, for one thread. Operations answer whether they succeeded; they are called in the
-/// order in which they stand here, and never throw. Its destruction ends the logger's task.
+/// order in which they stand here, and throw nothing but std::bad_alloc. Its destruction ends the
+/// logger's task.
 ///
 /// The implementation at hand (CLocalLogger.cpp) writes events to the local log, each text at most
 /// 512 bytes long. A KPI library

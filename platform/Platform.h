@@ -14,7 +14,7 @@
 
 namespace vok {
 
-/// Mounts images. Implementations are thread-safe and never throw.
+/// Mounts images. Implementations are thread-safe and throw nothing but std::bad_alloc.
 struct IMounter {
     virtual ~IMounter() = default;
     /// See Mount.h.
@@ -24,7 +24,7 @@ struct IMounter {
 };
 
 /// Looks at files and changes the few that are the broker's. Implementations are thread-safe and
-/// never throw.
+/// throw nothing but std::bad_alloc.
 struct IFiles {
     virtual ~IFiles() = default;
     /// True when stat(2) succeeds; directories count.

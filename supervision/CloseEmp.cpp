@@ -42,7 +42,7 @@ bool RefusesClose(EMP_STATUS eStatus) {
 }  // namespace
 
 /// What the tables are asked for once the EMP has answered. Made before it is called: what an EMP
-/// has been told is recorded, however short memory is.
+/// has answered is recorded, however short memory is.
 struct CBroker::LeavingClient {
     explicit LeavingClient(const ConnectionInfo& info)
         : key(info.empName, info.empPort),

@@ -18,6 +18,7 @@
 
 #include "platform/CUniqueFd.h"
 #include "platform/Limits.h"
+#include "rpc/CallOnce.h"
 #include "tests/daemon/OpenCloseTest.h"
 #include "tests/flood/CSideClients.h"
 #include "tests/flood/Form.h"
@@ -214,10 +215,12 @@ TEST_F(Flood, ThousandHalfSentMessages) {
     ExpectNothingLeftOf(kConnections);
 }
 
-TEST_F(Flood, MessagesThatAnnounceTwoGigabytes) {
+TEST_F(Flood, MessagesThatAnnounceMoreThanTheySend) {
     const std::string strHuge = Number(0x7fffffff);
+    // Not refused: whoever makes room for it at once exceeds the bound with a single one.
+    const std::string strLong = Number(99 * 1024 * 1024);
     const std::string messages[] = {
-        // A name, a text, a list, a map and a set of 2 GiB each, and a frame of another protocol.
+        // A name, texts, a list, a map and a set of 2 GiB each, and a frame of another protocol.
         "\x80\x01\x00\x01"s + strHuge + "Execute",
         CallOf("Execute") + "\x0b\x00\x01"s + strHuge + "text",
         CallOf("OpenEmp") + "\x0f\x00\x01\x0b"s + strHuge + Number(0),
@@ -225,14 +228,20 @@ TEST_F(Flood, MessagesThatAnnounceTwoGigabytes) {
         CallOf("CloseEmp") + "\x0e\x00\x01\x08"s + strHuge + Number(0),
         CallOf("CloseEmp") + "\x0c\x00\x01\x0b\x00\x01"s + strHuge + "text",
         strHuge + "Execute",
+        // A name and texts that may be so long.
+        "\x80\x01\x00\x01"s + strLong + "Execute",
+        CallOf("Execute") + "\x0b\x00\x01"s + strLong + "text",
+        CallOf("CloseEmp") + "\x0c\x00\x01\x0b\x00\x01"s + strLong + "text",
     };
+    static_assert(99 * 1024 * 1024 < kLongestText);
     constexpr long kConnections = 100;
     RunBeside(
         [&] {
             std::vector<CUniqueFd> connections;
             for (long n = 0; n < kConnections; ++n) {
                 connections.push_back(Connect());
-                (void)Send(connections.back(), messages[static_cast<std::size_t>(n) % 7]);
+                (void)Send(connections.back(),
+                           messages[static_cast<std::size_t>(n) % std::size(messages)]);
             }
             m_nPeak = std::max(m_nPeak, m_Daemon.ResidentKiB());
         },

@@ -9,7 +9,9 @@ namespace vok::test {
 /// it returns only when the broker holds none meanwhile.
 inline void TakeEveryLock(CBroker& broker) {
     (void)BrokerProbe::MountCounts(broker);
+    BrokerProbe::TakeCountUpdateLock(broker);
     (void)BrokerProbe::Tickets(broker);
+    BrokerProbe::TakeSerialLock();
     (void)BrokerProbe::Launchers(broker);
     (void)BrokerProbe::Groups(broker);
     (void)BrokerProbe::EmpInfo(broker).IsAdded("");

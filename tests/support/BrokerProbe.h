@@ -22,6 +22,8 @@ struct BrokerProbe {
         broker.m_mapEmp[strImage] = nCount;
     }
 
+    static void TakeCountUpdateLock(CBroker& broker) { const CLock lock{broker.m_mtxMountCount}; }
+
     static TicketMap Tickets(CBroker& broker) {
         const CLock lock{broker.m_mtxTicket};
         return broker.m_mapTicket;
@@ -31,6 +33,9 @@ struct BrokerProbe {
         const CLock lock{broker.m_mtxTicket};
         broker.m_mapTicket[nSerial] = spTicket;
     }
+
+    /// There has to be, or have been, a broker: its constructor makes the lock.
+    static void TakeSerialLock() { const CLock lock{*Ticket::m_pTicketScopedMutex}; }
 
     static void SetGroup(CBroker& broker, const std::string& strGroup, const std::string& strPort,
                          const std::set<std::string>& setEmp) {

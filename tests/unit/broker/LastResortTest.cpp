@@ -99,7 +99,9 @@ TEST_F(LastResortTest, OpenForWhichMemoryIsShortLeavesNothingBehind) {
 
     m_Broker.OpenEmp(info, "40001", "Weather", "1.0", "app");
 
+    EXPECT_EQ(info.empPort, "");
     EXPECT_EQ(LinesOf(m_Log, "OpenEmp").back(), "0 UNEXPECTED ERROR OCCURED, EMP:[Weather].");
+    EXPECT_THAT(LinesOf(m_Log, "ReportLogToServer"), IsEmpty());
     EXPECT_FALSE(EmpInfo().IsAdded("Weather"));
     EXPECT_THAT(BrokerProbe::Tickets(m_Broker), IsEmpty());
     EXPECT_THAT(BrokerProbe::MountCounts(m_Broker), IsEmpty());

@@ -911,7 +911,7 @@ TEST_F(OpenEmpFailureTest, TextThatIsThrownAnywhereIsUndone) {
     EXPECT_EQ(Lines().back(), "0 UNEXPECTED ERROR:[no way] OCCURED. EmpName:[Weather] bIsNew:[1].");
 }
 
-TEST_F(OpenEmpFailureTest, AnythingElseThatIsThrownUndoesNothing) {
+TEST_F(OpenEmpFailureTest, ExceptionThatIsNeitherTextNorBadAllocUndoesNothing) {
     m_Fake.AddImage("Weather");
     m_Fake.mounter.OnMount([] { throw std::runtime_error("no way"); });
 
