@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <thrift/protocol/TBinaryProtocol.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,8 +19,6 @@
 #include "platform/Limits.h"
 #include "platform/Log.h"
 #include "platform/ScopeGuard.h"
-#include "rpc/CTextTransport.h"
-#include "rpc/CallOnce.h"
 
 namespace vok {
 
@@ -82,12 +79,14 @@ bool IsServed(const std::string& strPath) {
 
 }  // namespace
 
+std::shared_ptr<admin::VokBrokerAdminIf> MakeAdminHandler(CBroker& broker) {
+    return std::make_shared<CAdminHandler>(broker);
+}
+
 CAdminServer::CAdminServer(CBroker& broker, std::string strPath) : m_strPath(std::move(strPath)) {
-    using namespace apache::thrift;
     m_pServer = std::make_shared<CRpcServer>(
-        std::make_shared<admin::VokBrokerAdminProcessor>(std::make_shared<CAdminHandler>(broker)),
-        std::make_shared<CRpcServerSocket>(m_strPath), std::make_shared<CTextTransportFactory>(),
-        std::make_shared<protocol::TBinaryProtocolFactory>(kLongestText, 0, false, true));
+        std::make_shared<admin::VokBrokerAdminProcessor>(MakeAdminHandler(broker)),
+        std::make_shared<CRpcServerSocket>(m_strPath), ServerTransports(), ServerProtocols());
     m_pServer->setConcurrentClientLimit(kMaxAdminClients);
     m_pServer->setServerEventHandler(std::make_shared<CListenEvent>([this] { OnListening(); }));
     m_Started.SetDoWaiting(true);

@@ -13,6 +13,12 @@
 namespace vok {
 
 class CBroker;
+namespace admin {
+class VokBrokerAdminIf;
+}
+
+/// The admin service itself, on the operations of the broker, which must outlive it.
+std::shared_ptr<admin::VokBrokerAdminIf> MakeAdminHandler(CBroker& broker);
 
 /// Serves rpc/vok_admin.thrift on a Unix domain socket that only its owner reaches (folder 0755,
 /// socket 0600). A socket file that nobody serves is replaced; one that is served is not.

@@ -1,6 +1,4 @@
 // The broker's RPC server: a thread that accepts, and a thread for each client.
-#include <thrift/protocol/TBinaryProtocol.h>
-
 #include <functional>
 #include <memory>
 
@@ -11,8 +9,6 @@
 #include "platform/Log.h"
 #include "platform/ThreadMaker.h"
 #include "rpc/CRpcServer.h"
-#include "rpc/CTextTransport.h"
-#include "rpc/CallOnce.h"
 
 namespace vok {
 
@@ -49,8 +45,6 @@ void* CBroker::BrokerServer(void* pSelf) {
 void CBroker::Serve() {
     using namespace apache::thrift;
     try {
-        const auto pProtocols =
-            std::make_shared<protocol::TBinaryProtocolFactory>(kLongestText, 0, false, true);
         // Not owned: the broker outlives its server, which it holds.
         const std::shared_ptr<VokBrokerIf> pHandler{std::shared_ptr<void>{}, this};
         const auto pProcessor = std::make_shared<VokBrokerProcessor>(pHandler);
@@ -58,7 +52,7 @@ void CBroker::Serve() {
 
         const auto pServer = std::make_shared<CRpcServer>(
             pProcessor, std::make_shared<CBrokerSocket>([this] { OnServerCloses(); }),
-            std::make_shared<CTextTransportFactory>(), pProtocols);
+            ServerTransports(), ServerProtocols());
         pServer->setServerEventHandler(
             std::make_shared<CListenEvent>([this] { OnServerListens(); }));
         SERVER_LOG(LEVEL_DETAIL, "BrokerServer just before starts");

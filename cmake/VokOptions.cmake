@@ -15,6 +15,9 @@ if(VOK_SANITIZE)
   add_compile_options(-fsanitize=${VOK_SANITIZE} -O1 -fno-omit-frame-pointer
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VOK_SANITIZE})
+  if(VOK_BUILD_FUZZERS)
+    add_compile_options(-fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/tests/fuzz/undefined.ignore)
+  endif()
 endif()
 
 # vok_folder(NAME FILES...): the sources of one folder as the OBJECT library vok_NAME. OBJECT,

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <thrift/concurrency/Exception.h>
 #include <thrift/concurrency/ThreadFactory.h>
+#include <thrift/protocol/TBinaryProtocol.h>
 
 #include <algorithm>
 #include <climits>
@@ -15,6 +16,8 @@
 #include "platform/Limits.h"
 #include "platform/Log.h"
 #include "platform/ScopeGuard.h"
+#include "rpc/CTextTransport.h"
+#include "rpc/CallOnce.h"
 
 namespace vok {
 
@@ -149,6 +152,16 @@ std::shared_ptr<apache::thrift::transport::TSocket> CRpcServerSocket::createSock
     THRIFT_SOCKET client) {
     SetCloseOnExec(client);
     return TServerSocket::createSocket(client);
+}
+
+std::shared_ptr<apache::thrift::transport::TTransportFactory> ServerTransports() {
+    return std::make_shared<CTextTransportFactory>();
+}
+
+std::shared_ptr<apache::thrift::protocol::TProtocolFactory> ServerProtocols() {
+    // Containers have no limit; a message without the version word is accepted.
+    return std::make_shared<apache::thrift::protocol::TBinaryProtocolFactory>(kLongestText, 0,
+                                                                              false, true);
 }
 
 long ConnectionLimit(unsigned long nDescriptors) {

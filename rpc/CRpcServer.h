@@ -25,6 +25,10 @@ protected:
     std::shared_ptr<apache::thrift::transport::TSocket> createSocket(THRIFT_SOCKET client) override;
 };
 
+/// How every server of the broker reads what its clients send, and writes what it answers.
+std::shared_ptr<apache::thrift::transport::TTransportFactory> ServerTransports();
+std::shared_ptr<apache::thrift::protocol::TProtocolFactory> ServerProtocols();
+
 /// One thread for each client, with kConnectionStack bytes of stack and all signals blocked when
 /// the thread that serves has them blocked. A client is dropped when no thread can be made for it,
 /// or when memory runs out in one of its calls.

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "broker/CBroker.h"
+#include "rpc/CBrokerProxyEmp.h"
 
 namespace vok {
 
@@ -62,6 +63,12 @@ struct BrokerProbe {
     }
     static CEmpInfo& EmpInfo(CBroker& broker) { return broker.m_EmpInfo; }
     static CConnectionDB& ConnectionDB(CBroker& broker) { return broker.m_ConnectionDB; }
+
+    /// One round of the pings.
+    static void PingEmps(CBroker& broker) {
+        CBrokerProxyEmp proxy{kNoPort};
+        broker.PingEmps(proxy);
+    }
 
     static bool IsPingTestEnabled(const CBroker& broker) { return broker.m_bEnablePingTest; }
     static bool IsStopRequested(const CBroker& broker) { return broker.m_bStopRequested; }

@@ -816,6 +816,23 @@ TEST_F(OpenEmpFailureTest, FurtherCountIsLoweredAndTheImageStays) {
                             "EmpName:[Weather] bIsNew:[1]."));
 }
 
+TEST_F(OpenEmpFailureTest, CountThatACloseHasTakenGoesBelowZero) {
+    m_Fake.AddMounted("Weather");
+    m_Fake.processes.OnFork([this](const ForkCall& call) {
+        BrokerProbe::SetMountCount(m_Broker, "Weather", 0);
+        Report(call.arguments.at(2), "40123|777", "");
+    });
+
+    EXPECT_EQ(Open("Weather"), kInvalid);
+
+    EXPECT_THAT(m_Fake.mounter.Calls(), IsEmpty());
+    EXPECT_THAT(MountCounts(), ElementsAre(Pair("Weather", -1)));
+    EXPECT_THAT(LinesAfter("0 [Completed]"),
+                ElementsAre("4 EMP COUNT: Emp=[Weather], count=[0].",
+                            "0 UNEXPECTED ERROR:[New EMP is failed to Open] OCCURED. "
+                            "EmpName:[Weather] bIsNew:[1]."));
+}
+
 TEST_F(OpenEmpFailureTest, ImageThatCannotBeUnmountedKeepsItsCount) {
     m_Fake.AddMounted("Weather");
     m_Fake.mounter.FailUmounts(1);
