@@ -174,14 +174,15 @@ bool CBroker::LowerReadyFlag() {
     return true;
 }
 
-/// A signal handler may only ask for the stop, so the servers are stopped here. Calls that are being
-/// answered get a moment, and so do the broker's own threads; those that wait for an EMP end with
-/// the process.
+/// A signal handler may only ask for the stop, so the servers are stopped here. Calls that are
+/// being answered get a moment, and so do the broker's own threads; those that wait for an EMP end
+/// with the process.
 void CBroker::EndServer() {
     StopServer();
     StopAdminServer();
     if (m_ServerEnded.Wait(static_cast<int>(kStopGrace.count())) == 0) m_bServerLaunched = false;
-    for (auto waited = 0ms; m_nInUse > 0 && waited < kStopGrace; waited += kStopPoll)
+    for (std::chrono::milliseconds waited{0}; m_nInUse > 0 && waited < kStopGrace;
+         waited += kStopPoll)
         m_Platform.pClock->Sleep(kStopPoll);
 }
 

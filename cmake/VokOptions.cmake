@@ -20,9 +20,23 @@ if(VOK_SANITIZE)
   endif()
 endif()
 
+# vok_count_coverage(TARGET): in a build that counts, the lines and branches of TARGET are counted.
+# Only the product's: what runs of the tests themselves tells nothing.
+function(vok_count_coverage target)
+  if(VOK_COVERAGE)
+    # Atomic, because the counters belong to all threads of a broker, and to the child between vfork
+    # and execve.
+    target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
+  endif()
+endfunction()
+if(VOK_COVERAGE)
+  add_link_options(--coverage)
+endif()
+
 # vok_folder(NAME FILES...): the sources of one folder as the OBJECT library vok_NAME. OBJECT,
 # because CBroker's vtable (broker/) needs open/, whose files include broker/CBroker.h.
 function(vok_folder name)
   add_library(vok_${name} OBJECT ${ARGN})
   target_link_libraries(vok_${name} PUBLIC vok_options)
+  vok_count_coverage(vok_${name})
 endfunction()

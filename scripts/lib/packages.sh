@@ -18,8 +18,6 @@ packages_test=(
   python3 python3-thrift python3-six squashfs-tools erofs-utils e2fsprogs
   iproute2 mount util-linux procps net-tools spin
 )
-# To fuzz: the compiler, and its fuzzer and sanitizers.
-packages_fuzz=(clang-14 libclang-rt-14-dev)
 
 package_is_installed() {
   [[ $(LC_ALL=C dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null) == installed ]]

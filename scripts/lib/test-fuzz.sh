@@ -4,6 +4,9 @@
 # What a run finds out stays in build-fuzz/fuzz/TARGET: corpus/, findings/ and the log. The next run
 # goes on from there.
 
+# shellcheck disable=SC2034  # for scripts/test
+packages_fuzz=(clang-14 libclang-rt-14-dev)
+
 # In bytes of input, MiB of memory, seconds.
 readonly fuzz_length=4096 fuzz_memory=1024 fuzz_allocation=256 fuzz_hang=20
 # How many inputs of a target the tree gets besides its seeds, and how long they are at most.

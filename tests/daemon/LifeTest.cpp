@@ -2,8 +2,10 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -470,6 +473,39 @@ TEST(Life, StartsWhenConnectionsAreGivenItsPort) {
         EXPECT_TRUE(daemon.AwaitReady()) << daemon.Log();
         EXPECT_EQ(daemon.Stop(), CDaemon::kOrderly) << daemon.Log();
     }
+}
+
+// ---- The loopback interface --------------------------------------------------------------------
+
+void SetLoopback(bool bUp) {
+    const CUniqueFd fd{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    ifreq request{};
+    std::strcpy(request.ifr_name, "lo");
+    ASSERT_EQ(::ioctl(fd.Get(), SIOCGIFFLAGS, &request), 0);
+    request.ifr_flags =
+        static_cast<short>(bUp ? request.ifr_flags | IFF_UP : request.ifr_flags & ~IFF_UP);
+    ASSERT_EQ(::ioctl(fd.Get(), SIOCSIFFLAGS, &request), 0);
+}
+
+/// Where in the kernel a process waits.
+std::string WaitsIn(pid_t nPid) {
+    std::string strWhere;
+    std::ifstream("/proc/" + std::to_string(nPid) + "/wchan") >> strWhere;
+    return strWhere;
+}
+
+TEST(Life, WaitsForTheLoopbackInterface) {
+    ASSERT_NO_FATAL_FAILURE(SetLoopback(false));
+    CDaemon daemon;
+    ASSERT_TRUE(daemon.Launch());
+    EXPECT_TRUE(CDaemon::Await([&] {
+        return WaitsIn(daemon.Pid()).find("nanosleep") != std::string::npos;
+    })) << "it waits in "
+        << WaitsIn(daemon.Pid());
+    EXPECT_FALSE(IsFlagThere());
+    ASSERT_NO_FATAL_FAILURE(SetLoopback(true));
+    EXPECT_TRUE(daemon.AwaitReady()) << daemon.Log();
+    EXPECT_EQ(daemon.Stop(), CDaemon::kOrderly) << daemon.Log();
 }
 
 }  // namespace

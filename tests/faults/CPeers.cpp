@@ -13,8 +13,8 @@
 #include <fstream>
 
 #include "tests/faults/FaultPeer.h"
-#include "tests/support/Footprint.h"
 #include "tests/support/CDaemon.h"
+#include "tests/support/Footprint.h"
 
 namespace vok::test {
 

@@ -23,10 +23,10 @@
 #include "tests/daemon/OpenCloseTest.h"
 #include "tests/faults/CPeers.h"
 #include "tests/faults/FaultCase.h"
-#include "tests/support/Footprint.h"
 #include "tests/support/CAdminClient.h"
 #include "tests/support/CLauncherProcess.h"
 #include "tests/support/CPrivateWorld.h"
+#include "tests/support/Footprint.h"
 
 namespace vok::test {
 

@@ -178,6 +178,19 @@ TEST_F(LifetimeTest, HooksOfTheFrameworkDoNothing) {
     EXPECT_THAT(m_Log.Records(), IsEmpty());
 }
 
+TEST_F(LifetimeTest, HooksOfTheFrameworkChangeNothing) {
+    CBroker broker{m_Fake.Get()};
+    m_Log.Clear();
+    broker.Initialize();
+    broker.OnSetDebugModule(1, true);
+    CCDebugVOK hooks;
+    hooks.t_InitModule();
+    hooks.t_SetDebugLevel(4);
+    hooks.t_SetDebugModule(1, true);
+    EXPECT_THAT(m_Log.Records(), IsEmpty());
+    EXPECT_EQ(CVOKDebug::GetLogLevel(), LEVEL_DETAIL);
+}
+
 // ---- Exported functions ----
 
 TEST_F(LifetimeTest, ExportsBeforeTheBrokerExistsAreHarmless) {

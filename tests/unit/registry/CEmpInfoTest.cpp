@@ -34,6 +34,13 @@ protected:
     CEmpInfo m_Info;
 };
 
+TEST(EmpDataInfo, IsOfNoEmpAtFirst) {
+    const CEmpDataInfo record;
+    EXPECT_EQ(record.GetStatus(), EMP_NOT_FOUND);
+    EXPECT_EQ(record.GetOption(), "0000");
+    EXPECT_EQ(record.GetEmpPid(), 0);
+}
+
 TEST(EmpStatus, HasTheValuesThatPeersOfTheLogKnow) {
     EXPECT_EQ(EMP_NOT_FOUND, 0);
     EXPECT_EQ(EMP_ADDED, 1);
