@@ -46,8 +46,8 @@ void CBroker::ReadGroupingEmps() {
         for (const std::string& strFolder : m_Platform.pFiles->List(szRoot)) {
             if (strFolder.rfind(kFolderStart, 0) != 0 || strFolder == kFolderStart) continue;
 
-            const std::string strConfig =
-                std::string(szRoot) + '/' + strFolder + '/' + strFolder + ".xml";
+            std::string strConfig = szRoot;
+            strConfig.append("/").append(strFolder).append("/").append(strFolder).append(".xml");
             const auto setEmp = ReadHostedEmps(*m_Platform.pFiles, strConfig);
             if (setEmp.empty()) continue;
             InsertGroupingEMP(strFolder.substr(sizeof kFolderStart - 1), kGroupNotRunning, setEmp);

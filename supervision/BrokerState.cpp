@@ -34,6 +34,7 @@ std::string Text(const std::string& strBytes) {
 
 std::vector<std::string> Texts(const std::set<std::string>& setBytes) {
     std::vector<std::string> texts;
+    texts.reserve(setBytes.size());
     for (const std::string& strBytes : setBytes) texts.push_back(Text(strBytes));
     return texts;
 }
