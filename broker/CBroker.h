@@ -281,13 +281,16 @@ private:
     /// The decision inside UnmoutEMP.
     bool UnmountUnused(const std::string& strEmp) VOK_REQUIRES(m_mtxMapEmp);
 
+    /// CheckStatus, without a name of its own.
+    bool AwaitSettledStatus(const std::string& strEmp);
+
     // The steps of CloseEmp.
     bool ClassifyForClose(const std::string& strEmp, EmpType::type& eKind, std::string& strImage);
     bool LowerMountCount(const std::string& strImage);
     void RaiseMountCountAgain(const std::string& strImage);
     bool CloseCounted(const ConnectionInfo& info, EmpType::type eKind);
-    struct LeavingClient;
-    bool RecordClose(LeavingClient& client, EmpType::type eKind, int nReferences);
+    bool RecordClose(const ConnectionKey& key, const std::string& strClientPort,
+                     EmpType::type eKind, int nReferences);
 
     /// The first half of RemoveLauncherInfo.
     bool CollectConnections(const std::string& strName, const std::string& strPort,

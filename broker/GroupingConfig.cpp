@@ -42,11 +42,13 @@ std::set<std::string> ReadHostedEmps(IFiles& files, const std::string& strPath) 
 
 /// An EMP may have files in both folders: what either of them names is hosted.
 void CBroker::ReadGroupingEmps() {
-    for (const char* szRoot : {paths::kPreinstalledEmps, paths::kDownloadedEmps}) {
-        for (const std::string& strFolder : m_Platform.pFiles->List(szRoot)) {
+    for (const std::string_view strFolderOfEmps :
+         {paths::kPreinstalledEmps, paths::kDownloadedEmps}) {
+        const std::string strRoot{strFolderOfEmps};
+        for (const std::string& strFolder : m_Platform.pFiles->List(strRoot.c_str())) {
             if (strFolder.rfind(kFolderStart, 0) != 0 || strFolder == kFolderStart) continue;
 
-            std::string strConfig = szRoot;
+            std::string strConfig = strRoot;
             strConfig.append("/").append(strFolder).append("/").append(strFolder).append(".xml");
             const auto setEmp = ReadHostedEmps(*m_Platform.pFiles, strConfig);
             if (setEmp.empty()) continue;

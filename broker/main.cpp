@@ -10,6 +10,7 @@
 #include "broker/vok.h"
 #include "platform/Descriptors.h"
 #include "platform/Log.h"
+#include "platform/Process.h"
 
 namespace {
 
@@ -41,6 +42,7 @@ int main() {
     // A peer, or a log, that is gone is told by an error of the call.
     (void)std::signal(SIGPIPE, SIG_IGN);
     (void)std::signal(SIGCHLD, SIG_DFL);  // ignored, EMPs would be reaped by nobody
+    vok::RememberSignalActions();
     FillStandardDescriptors();
     apache::thrift::GlobalOutput.setOutputFunction(&LogRpcLibrary);
     vok::RaiseDescriptorLimit();

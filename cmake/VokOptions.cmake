@@ -9,6 +9,10 @@ target_compile_definitions(vok_options INTERFACE
   VOK_RPC_TIMEOUT_MS=${VOK_RPC_TIMEOUT_MS})
 target_link_libraries(vok_options INTERFACE Threads::Threads)
 
+# Global, so that the generated code is cut as well: half of it serves the peers' sides.
+add_compile_options($<$<CONFIG:MinSizeRel>:-ffunction-sections> $<$<CONFIG:MinSizeRel>:-fdata-sections>)
+add_link_options($<$<CONFIG:MinSizeRel>:-Wl,--gc-sections>)
+
 if(VOK_SANITIZE)
   # Global, so that the generated code is instrumented as well.
   # -O1: what is instrumented compiles several times faster, and finds the same.
@@ -39,4 +43,11 @@ function(vok_folder name)
   add_library(vok_${name} OBJECT ${ARGN})
   target_link_libraries(vok_${name} PUBLIC vok_options)
   vok_count_coverage(vok_${name})
+endfunction()
+
+# vok_is_hot(TARGET FILES...): what every call of a client runs through is built for speed also where
+# everything else is built small.
+function(vok_is_hot target)
+  set_property(SOURCE ${ARGN} TARGET_DIRECTORY ${target} APPEND PROPERTY
+    COMPILE_OPTIONS $<$<CONFIG:MinSizeRel>:-O2>)
 endfunction()

@@ -71,21 +71,27 @@ void CBroker::ConfirmEMPServer(const std::string& strTicketSerial, const std::st
     spTicket->m_bAnswered = true;
 }
 
+#define CHECK_LOG(level, ...) VOK_LOG_AS("CheckStatus", level, __VA_ARGS__)
+
 bool CBroker::CheckStatus(std::string strEmp) {
+    return AwaitSettledStatus(strEmp);
+}
+
+bool CBroker::AwaitSettledStatus(const std::string& strEmp) {
     for (int i = 0;; ++i) {
-        const EMP_STATUS eStatus = m_EmpInfo.GetTypeStatus(strEmp);
+        const EMP_STATUS eStatus = m_EmpInfo.StatusOf(strEmp);
         if (eStatus < EMP_ADDED || eStatus > EMP_RESERVED6) {
-            VOK_LOG(LEVEL_ERROR, "[%s]'s status is EMP_NOT_FOUND - return error", strEmp.c_str());
+            CHECK_LOG(LEVEL_ERROR, "[%s]'s status is EMP_NOT_FOUND - return error", strEmp.c_str());
             return false;
         }
         const bool bTransitional = eStatus == EMP_ADDED || eStatus == EMP_PENDING;
         if (bTransitional) m_Platform.pClock->Sleep(kStatusPoll);
         if (i % kStatusLogEvery == 0)
-            VOK_LOG(LEVEL_DETAIL, "[%s] Wait for status[%d] change", strEmp.c_str(), eStatus);
+            CHECK_LOG(LEVEL_DETAIL, "[%s] Wait for status[%d] change", strEmp.c_str(), eStatus);
         // Before the next test: a status that settles in this very pass comes too late.
         if (i == kStatusPasses) {
-            VOK_LOG(LEVEL_ERROR, "[%s]'s status[%d] is not changing change", strEmp.c_str(),
-                    eStatus);
+            CHECK_LOG(LEVEL_ERROR, "[%s]'s status[%d] is not changing change", strEmp.c_str(),
+                      eStatus);
             return false;
         }
         if (!bTransitional) return true;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include "broker/CBroker.h"
@@ -15,6 +16,8 @@
 #include "platform/ScopeGuard.h"
 
 namespace vok {
+
+using namespace std::string_view_literals;
 
 /// One open. Members hold what the steps share; `Run` is the story.
 class COpenOperation {
@@ -33,6 +36,11 @@ public:
     void Run();
 
 private:
+    /// Whose files count: the EMP, or its grouping process.
+    const std::string& Image() const {
+        return m_Location == EMPLOCATION_GROUPING ? m_strGroup : m_strEmp;
+    }
+
     void RunOrUndo();
     bool RunSteps();
 
@@ -42,7 +50,7 @@ private:
     void IssueTicket();
     bool ChooseServer();
     bool ChooseServerOfKnownEmp();
-    void ReuseServer(const std::string& strPort);
+    void ReuseServer(std::string&& strPort);
     void RaiseMountCount();
     void CountMountedImage() VOK_REQUIRES(m_Broker.m_mtxMapEmp);
     void MountImage() VOK_REQUIRES(m_Broker.m_mtxMapEmp);
@@ -53,7 +61,7 @@ private:
     void AwaitReport();
     void KeepReport();
     void Succeed();
-    void FillResult(std::string&& strEmp, std::string&& strClientPort, std::string&& strEmpPort);
+    void FillResult(std::string&& strEmp, std::string&& strClientPort);
 
     bool Refuse();
     void Undo(const std::string& strReason);
@@ -74,7 +82,7 @@ private:
     const std::string& m_strAppInfo;
 
     eEmpLocation m_Location = EMPLOCATION_UNKNOWN;
-    std::string m_strImage;  // whose files count: the EMP, or its grouping process
+    std::string m_strGroup;  // the grouping process, when it hosts the EMP
     boost::shared_ptr<Ticket> m_spTicket;
     bool m_bMounted = false;  // the image, by this open
     bool m_bIsNew = false;
@@ -141,7 +149,7 @@ bool COpenOperation::CheckArguments() {
         OPEN_LOG(LEVEL_NOTICE, "wrong parameters with NULL");
         return false;
     }
-    if (m_strEmp == "Broker") {
+    if (m_strEmp == "Broker"sv) {
         OPEN_LOG(LEVEL_ERROR, "Invalid opening, [Broker] is not a EMP.");
         CBroker::SetInvalidConnectionInfo(m_Result);
         return false;
@@ -161,19 +169,16 @@ void COpenOperation::NameThread() {
 }
 
 bool COpenOperation::Locate() {
-    m_strImage = m_strEmp;
     m_Location = m_Broker.WhereIsEMP(m_strEmp);
     if (m_Location == EMPLOCATION_UNKNOWN) {
         OPEN_LOG(LEVEL_ERROR, "Unknown location.");
         return false;
     }
     if (m_Location == EMPLOCATION_GROUPING) {
-        std::string strGroup;
         std::string strGroupPort;
-        (void)m_Broker.GetGroupingEMPInfo(strGroup, strGroupPort, m_strEmp);  // empty when lost
-        m_strImage = strGroup;
+        (void)m_Broker.GetGroupingEMPInfo(m_strGroup, strGroupPort, m_strEmp);  // empty when lost
         OPEN_LOG(LEVEL_DETAIL, "EMP Location is EMPLOCATION_GROUPING, GroupingEmpName is %s",
-                 m_strImage.c_str());
+                 Image().c_str());
     }
     m_Result.ip = m_Broker.GetEmpIP(m_Location);
     OPEN_LOG(LEVEL_DETAIL, "# EMP INFO # name:[%s] location:[%d] IP:[%s] ClientPort:[%s]",
@@ -188,8 +193,10 @@ void COpenOperation::IssueTicket() {
     m_spTicket->m_Condition.SetDoWaiting(true);
 
     const CLock lock{m_Broker.m_mtxTicket};
-    m_Broker.m_mapTicket[m_spTicket->GetSerial()] = m_spTicket;
-    PruneTickets(m_Broker.m_mapTicket, kMaxTickets);
+    // Serials grow: it nearly always comes last.
+    TicketMap& mapTicket = m_Broker.m_mapTicket;
+    mapTicket.insert_or_assign(mapTicket.end(), m_spTicket->GetSerial(), m_spTicket);
+    PruneTickets(mapTicket, kMaxTickets);
 }
 
 /// False when the open is refused.
@@ -202,16 +209,16 @@ bool COpenOperation::ChooseServer() {
 }
 
 bool COpenOperation::ChooseServerOfKnownEmp() {
-    if (!m_Broker.CheckStatus(m_strEmp)) return false;
+    if (!m_Broker.AwaitSettledStatus(m_strEmp)) return false;
 
-    m_strOption = m_Broker.m_EmpInfo.GetTypeOption(m_strEmp);
+    m_strOption = m_Broker.m_EmpInfo.OptionOf(m_strEmp);
     OPEN_LOG(LEVEL_TRACE, "strOption:[%s] ", m_strOption.c_str());
-    const std::string strPort = m_Broker.m_ConnectionDB.GetEmpPort(m_strEmp);
-    switch (vok::ChooseServer(m_strOption, strPort != kNoPort)) {
+    std::string strPort = m_Broker.m_ConnectionDB.PortOf(m_strEmp);
+    switch (vok::ChooseServer(m_strOption, strPort != std::string_view(kNoPort))) {
         case eServerChoice::Reuse:
             OPEN_LOG(LEVEL_DETAIL, "Singleton EMP: existing empPort[%s] will be used",
                      strPort.c_str());
-            ReuseServer(strPort);
+            ReuseServer(std::move(strPort));
             break;
         case eServerChoice::Refuse:
             OPEN_LOG(LEVEL_TRACE,
@@ -240,16 +247,16 @@ bool COpenOperation::ChooseServerOfKnownEmp() {
     return true;
 }
 
-void COpenOperation::ReuseServer(const std::string& strPort) {
+void COpenOperation::ReuseServer(std::string&& strPort) {
     m_bReuse = true;
-    m_strEmpPort = strPort;
+    m_strEmpPort = std::move(strPort);
     const CLock lock{m_Broker.m_mtxTicket};
-    m_spTicket->m_strPort = strPort;
+    m_spTicket->m_strPort = m_strEmpPort;
 }
 
 void COpenOperation::RaiseMountCount() {
-    OPEN_LOG(LEVEL_TRACE, "Location:[%d], Name:[%s]", m_Location, m_strImage.c_str());
-    const int nFile = m_Broker.GetEmpLocationType(m_strImage);
+    OPEN_LOG(LEVEL_TRACE, "Location:[%d], Name:[%s]", m_Location, Image().c_str());
+    const int nFile = m_Broker.GetEmpLocationType(Image());
     if (nFile != EMPFILE_MOUNTED && nFile != EMPFILE_IMAGE) {
         OPEN_LOG(LEVEL_DETAIL, "Nothing to do with Mount/UMount.");
         return;
@@ -257,27 +264,27 @@ void COpenOperation::RaiseMountCount() {
     // Looked at again under the lock, which is held across mounting and unmounting: what was
     // mounted may just have been unmounted after its last user, and the other way round.
     const CLock lock{m_Broker.m_mtxMapEmp};
-    if (m_Broker.m_Platform.pFiles->Exists(paths::DownloadedProgram(m_strImage).c_str()))
+    if (m_Broker.m_Platform.pFiles->Exists(paths::DownloadedProgram(Image()).c_str()))
         CountMountedImage();
     else
         MountImage();
 }
 
 void COpenOperation::CountMountedImage() {
-    const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(m_strImage, 0);
+    const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(Image(), 0);
     if (bAdded)
         OPEN_LOG(LEVEL_ERROR, "Maybe something wrong with [%s]'s the count of mount/umount.",
-                 m_strImage.c_str());
+                 Image().c_str());
     ++it->second;
     m_bCounted = true;
 }
 
 void COpenOperation::MountImage() {
-    const std::string strImageFile = paths::ImageFile(m_strImage);
-    const std::string strMountPoint = paths::MountPoint(m_strImage);
+    const std::string strImageFile = paths::ImageFile(Image());
+    const std::string strMountPoint = paths::MountPoint(Image());
 
     // The entry first, under the lock that nobody looks past: a mount without a count would stay.
-    const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(m_strImage, 0);
+    const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(Image(), 0);
     ScopeGuard forgetEntry{[this, it = it, bAdded = bAdded]() VOK_TSA(no_thread_safety_analysis) {
         if (bAdded) m_Broker.m_mapEmp.erase(it);
     }};
@@ -294,12 +301,12 @@ void COpenOperation::MountImage() {
     it->second = 1;
     m_bMounted = true;
     m_bCounted = true;
-    OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: It's first time to open [%s] EMP.", m_strImage.c_str());
+    OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: It's first time to open [%s] EMP.", Image().c_str());
 }
 
 /// False when the EMP's status refuses the open. The mount count stays raised then.
 bool COpenOperation::CheckEmpStatus() {
-    const EMP_STATUS eStatus = m_Broker.m_EmpInfo.GetTypeStatus(m_strEmp);
+    const EMP_STATUS eStatus = m_Broker.m_EmpInfo.StatusOf(m_strEmp);
     if (eStatus == EMP_NOT_FOUND) {
         OPEN_LOG(LEVEL_ERROR,
                  ". EMP:[%s]'s status:EMP_NOT_FOUND, Serial:[%d], set invalid info and remove item "
@@ -341,9 +348,9 @@ void COpenOperation::StartAndAwaitReport() {
         m_spTicket->m_bAwaitsReport = true;
     }
 
-    const std::string strProgram = m_Broker.GetEmpLocationType(m_strImage) == EMPFILE_PREINSTALLED
-                                       ? paths::PreinstalledProgram(m_strImage)
-                                       : paths::DownloadedProgram(m_strImage);
+    const std::string strProgram = m_Broker.GetEmpLocationType(Image()) == EMPFILE_PREINSTALLED
+                                       ? paths::PreinstalledProgram(Image())
+                                       : paths::DownloadedProgram(Image());
     ForkEmpParams params;
     FillParams(params, strProgram);
     if (!m_Broker.StartEmp(m_strEmp, &params, m_Location)) throw std::string("Start Emp failed");
@@ -355,7 +362,7 @@ void COpenOperation::StartAndAwaitReport() {
 
 void COpenOperation::FillParams(ForkEmpParams& params, const std::string& strProgram) {
     params.ARGV_path = strProgram.c_str();
-    if (m_Location == EMPLOCATION_GROUPING) CopyBounded(params.ARGV_groupingEmpName, m_strImage);
+    if (m_Location == EMPLOCATION_GROUPING) CopyBounded(params.ARGV_groupingEmpName, Image());
     CopyBounded(params.ARGV_empName, m_strEmp);
     params.ARGV_ticketSerial = static_cast<int>(m_spTicket->GetSerial());
     params.CbSrvPort = m_strClientPort;
@@ -407,25 +414,21 @@ void COpenOperation::KeepReport() {
 
 void COpenOperation::Succeed() {
     // All memory that is needed comes first: what is recorded is also answered.
-    ConnectionKey key{m_strEmp, m_strEmpPort};
-    std::string strEmp = m_strEmp;
     std::string strAnsweredEmp = m_strEmp;
     std::string strAnsweredClient = m_strClientPort;
-    std::string strAnsweredPort = m_strEmpPort;
     OPEN_LOG(LEVEL_DETAIL,
              "Add connectionData to connectionDB, name :[%s], empport[%s], clientport[%s]",
              m_strEmp.c_str(), m_strEmpPort.c_str(), m_strClientPort.c_str());
     // A client that is connected already stays so.
-    (void)m_Broker.m_ConnectionDB.AddConnectionData(std::move(key), m_strClientPort);
-    (void)m_Broker.m_EmpInfo.SetTypeStatus(std::move(strEmp), EMP_OPENED);
-    FillResult(std::move(strAnsweredEmp), std::move(strAnsweredClient), std::move(strAnsweredPort));
+    (void)m_Broker.m_ConnectionDB.AddClient(m_strEmp, m_strEmpPort, m_strClientPort);
+    (void)m_Broker.m_EmpInfo.SetStatusOf(m_strEmp, EMP_OPENED);
+    FillResult(std::move(strAnsweredEmp), std::move(strAnsweredClient));
 }
 
-void COpenOperation::FillResult(std::string&& strEmp, std::string&& strClientPort,
-                                std::string&& strEmpPort) {
+void COpenOperation::FillResult(std::string&& strEmp, std::string&& strClientPort) {
     m_Result.empName = std::move(strEmp);
     m_Result.clientPort = std::move(strClientPort);
-    m_Result.empPort = std::move(strEmpPort);
+    m_Result.empPort = std::move(m_strEmpPort);
     m_Result.serial = static_cast<int32_t>(m_spTicket->GetSerial());
     OPEN_LOG(LEVEL_DETAIL, "empID:[%s] Emp:[%s] , Serial:[%d] , Option:[%s] , Status:[%d]",
              m_Result.empName.c_str(), m_Result.empPort.c_str(), m_Result.serial,
@@ -491,7 +494,7 @@ void COpenOperation::GiveBack() {
 }
 
 void COpenOperation::LowerMountCount() {
-    switch (m_Broker.GetEmpLocationType(m_strImage)) {
+    switch (m_Broker.GetEmpLocationType(Image())) {
         case EMPFILE_MOUNTED:
             break;
         case EMPFILE_IMAGE:
@@ -507,9 +510,9 @@ void COpenOperation::LowerMountCount() {
 
 void COpenOperation::GiveBackMount() {
     const CLock lock{m_Broker.m_mtxMapEmp};
-    const auto it = m_Broker.m_mapEmp.find(m_strImage);
+    const auto it = m_Broker.m_mapEmp.find(Image());
     if (it == m_Broker.m_mapEmp.end()) {
-        OPEN_LOG(LEVEL_ERROR, "EMP COUNT: EMP [%s] is not in the map.", m_strImage.c_str());
+        OPEN_LOG(LEVEL_ERROR, "EMP COUNT: EMP [%s] is not in the map.", Image().c_str());
         return;
     }
     if (it->second == 1) {
@@ -517,31 +520,31 @@ void COpenOperation::GiveBackMount() {
         return;
     }
     const int nBefore = it->second--;
-    OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: Emp=[%s], count=[%d].", m_strImage.c_str(), nBefore);
+    OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: Emp=[%s], count=[%d].", Image().c_str(), nBefore);
 }
 
 /// An image without its program looks as if it were not mounted. It must not stay: a repaired image
 /// could then never be mounted in its place.
 void COpenOperation::UnmountImageWithoutProgram() {
     const CLock lock{m_Broker.m_mtxMapEmp};
-    const auto it = m_Broker.m_mapEmp.find(m_strImage);
+    const auto it = m_Broker.m_mapEmp.find(Image());
     if (it == m_Broker.m_mapEmp.end()) return;  // another open of it has been here
-    if (m_Broker.m_Platform.pMounter->Umount(paths::MountPoint(m_strImage)))
+    if (m_Broker.m_Platform.pMounter->Umount(paths::MountPoint(Image())))
         m_Broker.m_mapEmp.erase(it);
 }
 
 /// True when the image is gone, by this call or before it.
 bool COpenOperation::UnmountImage() {
-    if (m_Broker.m_Platform.pMounter->Umount(paths::MountPoint(m_strImage))) {
-        OPEN_LOG(LEVEL_DETAIL, "Umount for [%s] EMP Succeeded!", m_strImage.c_str());
+    if (m_Broker.m_Platform.pMounter->Umount(paths::MountPoint(Image()))) {
+        OPEN_LOG(LEVEL_DETAIL, "Umount for [%s] EMP Succeeded!", Image().c_str());
         return true;
     }
     // It may not even have been tried: whoever comes next tries again.
     if (m_bShortOfMemory) return false;
-    if (m_Broker.CheckEmpFile(paths::DownloadedProgram(m_strImage).c_str())) return false;
+    if (m_Broker.CheckEmpFile(paths::DownloadedProgram(Image()).c_str())) return false;
 
     OPEN_LOG(LEVEL_ERROR, "TargetEmpFile:[%s] doesn't exist, remove it from [m_mapEmp]",
-             m_strImage.c_str());
+             Image().c_str());
     return true;
 }
 

@@ -4,7 +4,7 @@
 
 namespace vok {
 
-eServerChoice ChooseServer(const std::string& strOption, bool bLive) {
+eServerChoice ChooseServer(std::string_view strOption, bool bLive) {
     if (strOption == kOptionSingleton)
         return bLive ? eServerChoice::Reuse : eServerChoice::StartLostServer;
     if (strOption == kOptionOneConnection)

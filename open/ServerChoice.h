@@ -1,7 +1,7 @@
 /// Which server an open of a known EMP gets.
 #pragma once
 
-#include <string>
+#include <string_view>
 
 namespace vok {
 
@@ -15,6 +15,6 @@ enum class eServerChoice {
 };
 
 /// `strOption`: the EMP's option code. `bLive`: it has a connection.
-eServerChoice ChooseServer(const std::string& strOption, bool bLive);
+eServerChoice ChooseServer(std::string_view strOption, bool bLive);
 
 }  // namespace vok

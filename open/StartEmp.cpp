@@ -38,6 +38,8 @@ bool LaunchForkThread(const std::string& strName, const ForkEmpParams& params,
 /// Descriptors that a library opened may lack the flag; the child of a fork closes them in any
 /// case.
 void SweepDescriptors() {
+    // To be told costs a look at each of them.
+    if (!CVOKDebug::IsWritten(LEVEL_DETAIL)) return SetCloseOnExec(nullptr);
     SetCloseOnExec(
         [](int nFd) { START_LOG(LEVEL_DETAIL, "debug] close-on-exec bit off [%d]", nFd); });
 }

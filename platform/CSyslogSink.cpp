@@ -1,6 +1,5 @@
 #include "platform/CSyslogSink.h"
 
-#include <spdlog/details/os.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -11,7 +10,8 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
+#include <ctime>
+#include <utility>
 
 namespace vok {
 
@@ -20,27 +20,16 @@ namespace {
 /// What log daemons take in one message by default. A longer record is sent in pieces.
 constexpr std::size_t kMaxPiece = 7500;
 
-int Priority(spdlog::level::level_enum level) {
-    switch (level) {
-        case spdlog::level::err:
-            return LOG_DAEMON | LOG_ERR;
-        case spdlog::level::warn:
-            return LOG_DAEMON | LOG_WARNING;
-        case spdlog::level::info:
-            return LOG_DAEMON | LOG_NOTICE;
-        default:
-            return LOG_DAEMON | LOG_DEBUG;
-    }
-}
-
 /// "<29>Jan 31 16:04:24 vok-broker[123]: ". The months are English whatever the host's locale is.
-std::string Header(const spdlog::details::log_msg& message) {
+std::string Header(int nSeverity) {
     static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    const std::tm time = spdlog::details::os::localtime(spdlog::log_clock::to_time_t(message.time));
+    const std::time_t now = std::time(nullptr);
+    std::tm time{};
+    (void)::localtime_r(&now, &time);
     char szHeader[96];
     std::snprintf(szHeader, sizeof szHeader,
-                  "<%d>%s %2d %02d:%02d:%02d vok-broker[%d]: ", Priority(message.level),
+                  "<%d>%s %2d %02d:%02d:%02d vok-broker[%d]: ", LOG_DAEMON | nSeverity,
                   kMonths[std::clamp(time.tm_mon, 0, 11)], time.tm_mday, time.tm_hour, time.tm_min,
                   time.tm_sec, static_cast<int>(::getpid()));
     return szHeader;
@@ -77,13 +66,11 @@ bool CSyslogSink::Send(const std::string& strDatagram) {
     }
 }
 
-void CSyslogSink::sink_it_(const spdlog::details::log_msg& message) {
-    spdlog::memory_buf_t formatted;
-    formatter_->format(message, formatted);
-    std::string_view strRecord(formatted.data(), formatted.size());
+void CSyslogSink::Write(int nSeverity, std::string_view strRecord) {
     while (!strRecord.empty() && strRecord.back() == '\n') strRecord.remove_suffix(1);
 
-    const std::string strHeader = Header(message);
+    const std::string strHeader = Header(nSeverity);
+    const CLock lock{m_Mutex};
     do {
         const std::string_view strPiece = strRecord.substr(0, kMaxPiece);
         if (!Send(strHeader + std::string(strPiece))) return;

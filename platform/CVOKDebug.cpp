@@ -1,10 +1,8 @@
 #include "platform/CVOKDebug.h"
 
 #include <fcntl.h>
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/basic_file_sink.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,9 +14,12 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "platform/CMutex.h"
 #include "platform/CSyslogSink.h"
 #include "platform/CUniqueFd.h"
+#include "platform/LogRecord.h"
 
 namespace vok {
 
@@ -38,61 +39,74 @@ int LevelFromEnvironment() {
     return result.ec == std::errc() && result.ptr == szEnd ? nLevel : kDefault;
 }
 
-/// Regular files and devices. A FIFO could block or kill (SIGPIPE), so it counts as no file.
-bool IsUsableLogFile(const char* szFile) {
-    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    const CUniqueFd fd{::open(szFile, kFlags, 0644)};
-    struct stat info {};
-    return fd.IsOpen() && ::fstat(fd.Get(), &info) == 0 && !S_ISFIFO(info.st_mode);
-}
-
-std::unique_ptr<spdlog::sinks::sink> OpenLogFile(const char* szFile) {
-    if (!IsUsableLogFile(szFile)) return nullptr;
-    spdlog::file_event_handlers handlers;
-    handlers.after_open = [](const spdlog::filename_t&, std::FILE* pFile) {
-        // Every record is one write: at once in the file, never torn by another process's, and
-        // nothing is left in a buffer when the disk is full.
-        (void)std::setvbuf(pFile, nullptr, _IONBF, 0);
+/// A log file. Every record is one write: at once in the file, never torn by another process's.
+class CLogFile {
+public:
+    /// Takes regular files and devices. A FIFO could block or kill (SIGPIPE), so it counts as no
+    /// file.
+    explicit CLogFile(const char* szFile) {
         // A stopped terminal must not stop us.
-        (void)::fcntl(::fileno(pFile), F_SETFL, O_APPEND | O_NONBLOCK);
-    };
-    try {
-        return std::make_unique<spdlog::sinks::basic_file_sink_mt>(szFile, false, handlers);
-    } catch (const spdlog::spdlog_ex&) {
-        return nullptr;
+        constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        CUniqueFd fd{::open(szFile, kFlags, 0644)};
+        struct stat info {};
+        if (fd.IsOpen() && ::fstat(fd.Get(), &info) == 0 && !S_ISFIFO(info.st_mode))
+            m_Fd = std::move(fd);
     }
-}
 
-spdlog::level::level_enum SpdlogLevel(int nLevel) {
-    if (nLevel <= LEVEL_ERROR) return spdlog::level::err;
-    if (nLevel == LEVEL_EVENT) return spdlog::level::warn;
-    if (nLevel == LEVEL_NOTICE) return spdlog::level::info;
-    return spdlog::level::debug;
+    bool IsOpen() const { return m_Fd.IsOpen(); }
+
+    void Write(const char* pText, std::size_t nSize) {
+        const CLock lock{m_Mutex};  // a long record may take several writes after all
+        while (nSize > 0) {
+            const ssize_t nWritten = ::write(m_Fd.Get(), pText, nSize);
+            if (nWritten < 0 && errno == EINTR) continue;
+            if (nWritten <= 0) return;  // a full disk: the rest is lost
+            pText += nWritten;
+            nSize -= static_cast<std::size_t>(nWritten);
+        }
+    }
+
+private:
+    CUniqueFd m_Fd;
+    CMutex m_Mutex;
+};
+
+int Severity(int nLevel) {
+    if (nLevel <= LEVEL_ERROR) return LOG_ERR;
+    if (nLevel == LEVEL_EVENT) return LOG_WARNING;
+    if (nLevel == LEVEL_NOTICE) return LOG_NOTICE;
+    return LOG_DEBUG;
 }
 
 /// The file or syslog.
 class CSystemLog : public ILogSink {
 public:
-    CSystemLog() {
-        const char* const szFile = std::getenv("VOK_LOG_FILE");
-        if (szFile != nullptr && *szFile != '\0') m_pSink = OpenLogFile(szFile);
-        if (!m_pSink) m_pSink = std::make_unique<CSyslogSink>();
-        m_pSink->set_formatter(std::make_unique<spdlog::pattern_formatter>(
-            "%Y-%m-%dT%H:%M:%S.%f %P %t %v", spdlog::pattern_time_type::local, "\n"));
-    }
-
     void Write(int nLevel, std::string_view strPrefix, std::string_view strMessage) override {
-        std::string strText = std::to_string(nLevel);
-        strText.reserve(strText.size() + 1 + strPrefix.size() + strMessage.size());
-        strText.append(" ").append(strPrefix).append(strMessage);
-        spdlog::details::log_msg record("", SpdlogLevel(nLevel), strText);
-        // spdlog remembers a thread's id; in a forked process that is the parent's.
-        record.thread_id = static_cast<std::size_t>(::syscall(SYS_gettid));
-        m_pSink->log(record);
+        const std::size_t nMost = kMostOfRecordHead + strPrefix.size() + strMessage.size() + 1;
+        char szUsual[kMostOfRecordHead + kMaxPrefix + kUsualMessage];
+        std::unique_ptr<char[]> pLong;
+        if (nMost > sizeof szUsual) pLong.reset(new char[nMost]);
+        char* const szRecord = pLong ? pLong.get() : szUsual;
+
+        char* pEnd = szRecord + PutRecordHead(szRecord, nLevel);
+        pEnd = std::copy(strPrefix.begin(), strPrefix.end(), pEnd);
+        pEnd = std::copy(strMessage.begin(), strMessage.end(), pEnd);
+        *pEnd++ = '\n';
+        const auto nSize = static_cast<std::size_t>(pEnd - szRecord);
+        if (m_File.IsOpen())
+            m_File.Write(szRecord, nSize);
+        else
+            m_Syslog.Write(Severity(nLevel), {szRecord, nSize});
     }
 
 private:
-    std::unique_ptr<spdlog::sinks::sink> m_pSink;
+    static const char* FileFromEnvironment() {
+        const char* const szFile = std::getenv("VOK_LOG_FILE");
+        return szFile == nullptr ? "" : szFile;  // nothing is called so
+    }
+
+    CLogFile m_File{FileFromEnvironment()};
+    CSyslogSink m_Syslog;
 };
 
 /// Never destroyed: threads may log while the process ends. Made by the first record, which comes
@@ -120,7 +134,7 @@ bool IsPrefixFormat(const char* szFormat) {
 }
 
 void KeepPrefix(int nLevel, const char* szFormat, va_list args) {
-    const int nLength = std::vsnprintf(t_Prefix.szText, kMaxPrefix, szFormat, args);
+    const int nLength = FormatMessage(t_Prefix.szText, kMaxPrefix, szFormat, args);
     t_Prefix.bGiven = nLength >= 0;
     t_Prefix.nLevel = nLevel;
     t_Prefix.nLength = std::min(static_cast<std::size_t>(std::max(nLength, 0)), kMaxPrefix - 1);
@@ -143,14 +157,14 @@ void WriteMessage(int nLevel, const char* szFormat, va_list args) {
     va_list again;
     va_copy(again, args);
     char szUsual[kUsualMessage];
-    const int nLength = std::vsnprintf(szUsual, sizeof szUsual, szFormat, args);
+    const int nLength = FormatMessage(szUsual, sizeof szUsual, szFormat, args);
     if (nLength < 0) {
         WriteRecord(nLevel, szFormat);  // cannot be formatted: better than nothing
     } else if (static_cast<std::size_t>(nLength) < sizeof szUsual) {
         WriteRecord(nLevel, {szUsual, static_cast<std::size_t>(nLength)});
     } else {
         std::string strLong(static_cast<std::size_t>(nLength) + 1, '\0');
-        (void)std::vsnprintf(strLong.data(), strLong.size(), szFormat, again);
+        (void)FormatMessage(strLong.data(), strLong.size(), szFormat, again);
         strLong.pop_back();
         WriteRecord(nLevel, strLong);
     }

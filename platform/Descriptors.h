@@ -10,7 +10,8 @@
 namespace vok {
 
 /// Sets close-on-exec on every open descriptor above 2 and tells `onOff` of each that lacked it.
-/// Costs what the open ones cost (/proc/self/fd), whatever the limit is.
+/// Costs what the open ones cost (/proc/self/fd), whatever the limit is; next to nothing when
+/// `onOff` is empty.
 void SetCloseOnExec(const std::function<void(int nFd)>& onOff);
 
 /// Sets close-on-exec on one descriptor; for those that a library has opened.

@@ -1,12 +1,15 @@
 /// Every path of the file system that the broker knows.
 #pragma once
 
+#include <cstddef>
+#include <initializer_list>
 #include <string>
+#include <string_view>
 
 namespace vok::paths {
 
-inline constexpr char kDownloadedEmps[] = "/opt/down/emps";
-inline constexpr char kPreinstalledEmps[] = "/usr/bin/emps";
+inline constexpr std::string_view kDownloadedEmps = "/opt/down/emps";
+inline constexpr std::string_view kPreinstalledEmps = "/usr/bin/emps";
 
 /// Written once the broker serves, removed when it stops.
 inline constexpr char kReadyFlag[] = "/tmp/vok_ready";
@@ -38,12 +41,28 @@ inline constexpr char kGstRegistry1[] = "GST_REGISTRY_1_0=/home/app/.gstreamer-1
 /// NUL, "." and "..". Such an EMP has no files.
 bool IsFileName(const std::string& strEmp);
 
-std::string MountPoint(const std::string& strEmp);           // /opt/down/emps/empN
-std::string ImageFile(const std::string& strEmp);            // /opt/down/emps/empN_img/empN.img
-std::string DownloadedProgram(const std::string& strEmp);    // /opt/down/emps/empN/empN
-std::string DownloadedConfig(const std::string& strEmp);     // /opt/down/emps/empN/empN.xml
-std::string PreinstalledProgram(const std::string& strEmp);  // /usr/bin/emps/empN/empN
-std::string PreinstalledConfig(const std::string& strEmp);   // /usr/bin/emps/empN/empN.xml
-std::string PreinstalledImage(const std::string& strEmp);    // /usr/bin/emps/empN/empN.img
+/// The path of a file that every open and close looks at: it takes no memory while it is of usual
+/// length.
+class CPath {
+public:
+    explicit CPath(std::initializer_list<std::string_view> parts);
+    const char* c_str() const { return m_strLong.empty() ? m_szUsual : m_strLong.c_str(); }
+    operator std::string() const { return c_str(); }  // NOLINT: it is one, kept elsewhere
+    bool operator==(std::string_view strPath) const { return strPath == c_str(); }
+
+private:
+    static constexpr std::size_t kUsual = 128;
+    char m_szUsual[kUsual];
+    std::string m_strLong;
+};
+
+CPath ImageFile(const std::string& strEmp);            // /opt/down/emps/empN_img/empN.img
+CPath DownloadedProgram(const std::string& strEmp);    // /opt/down/emps/empN/empN
+CPath PreinstalledProgram(const std::string& strEmp);  // /usr/bin/emps/empN/empN
+
+std::string MountPoint(const std::string& strEmp);          // /opt/down/emps/empN
+std::string DownloadedConfig(const std::string& strEmp);    // /opt/down/emps/empN/empN.xml
+std::string PreinstalledConfig(const std::string& strEmp);  // /usr/bin/emps/empN/empN.xml
+std::string PreinstalledImage(const std::string& strEmp);   // /usr/bin/emps/empN/empN.img
 
 }  // namespace vok::paths

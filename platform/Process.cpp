@@ -145,25 +145,42 @@ int MillisecondsUntil(Clock::time_point deadline) {
 constexpr std::size_t kKernelSignalSet = (_NSIG - 1) / 8;
 constexpr char kNothing[64] = {};
 
+/// Which signals the child sets back to their default: all, unless somebody knows better.
+struct SignalsToReset {
+    bool bReset[_NSIG];
+};
+
+constexpr SignalsToReset AllSignals() {
+    SignalsToReset signals{};
+    for (bool& bReset : signals.bReset) bReset = true;
+    return signals;
+}
+
+SignalsToReset g_SignalsToReset = AllSignals();
+
 /// The kernel's struct rlimit64, whatever the C library's rlim_t is.
 struct KernelLimit {
     std::uint64_t nSoft;
     std::uint64_t nHard;
 };
 
-/// Everything that the child needs, and what it reports. In memory that both share in any case.
+/// Everything that the child needs.
 struct ChildPlan {
     const ExecRequest* pRequest;
     bool bSetLimit;
     KernelLimit limit;
     int nHighestFd;
-    std::atomic<int> nExecErrno;
+    const SignalsToReset* pSignals;
+    std::atomic<bool>* pSharesMemory;  // set by a child that does
+    std::atomic<int>* pExecErrno;      // in memory that both share in any case
 };
 static_assert(std::is_trivially_destructible_v<ChildPlan>);
-static_assert(std::atomic<int>::is_always_lock_free && std::atomic<pid_t>::is_always_lock_free);
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<pid_t>::is_always_lock_free &&
+              std::atomic<bool>::is_always_lock_free);
 
-/// Of one mapping: the plan at its start, the child's stack at its end.
-constexpr std::size_t kChildMemory = std::size_t{64} * 1024;
+/// Far more than a few system calls need, also when the linker binds the first of them in the
+/// child.
+constexpr std::size_t kChildStack = std::size_t{16} * 1024;
 
 #if defined(__SANITIZE_THREAD__)
 #define VOK_THREAD_SANITIZER 1
@@ -180,6 +197,36 @@ constexpr int kVforkFlags = CLONE_VFORK | SIGCHLD;
 #else
 constexpr int kVforkFlags = CLONE_VM | CLONE_VFORK | SIGCHLD;
 #endif
+
+/// What the child tells of a failed execve. It runs in our memory, so that a place on our stack
+/// would do; but ThreadSanitizer's children have a copy, and so has every one where an emulator
+/// makes a fork of a vfork: from there only a shared mapping brings it back. Which it is here, the
+/// first child tells: a mapping for each would cost more than all else that a start takes from us.
+class CExecReport {
+public:
+    CExecReport() {
+        if (s_bSharesMemory.load()) return;
+        void* const pMemory = ::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                                     MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        m_pErrno = pMemory == MAP_FAILED ? nullptr : new (pMemory) std::atomic<int>{0};
+    }
+    ~CExecReport() {
+        if (m_pErrno != nullptr && m_pErrno != &m_OwnErrno)
+            (void)::munmap(m_pErrno, sizeof *m_pErrno);
+    }
+    CExecReport(const CExecReport&) = delete;
+    CExecReport& operator=(const CExecReport&) = delete;
+
+    /// Where the child puts its errno; null, with our errno, when there is no memory for it.
+    std::atomic<int>* Errno() { return m_pErrno; }
+    static std::atomic<bool>& SharesMemory() { return s_bSharesMemory; }
+
+private:
+    static std::atomic<bool> s_bSharesMemory;
+    std::atomic<int> m_OwnErrno{0};
+    std::atomic<int>* m_pErrno = &m_OwnErrno;
+};
+std::atomic<bool> CExecReport::s_bSharesMemory{false};
 
 /// Asked once: an empty range closes nothing.
 bool CanCloseRange() {
@@ -205,11 +252,13 @@ int HighestFd() {
 __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) int RunChild(void* pArg) {
     ChildPlan& plan = *static_cast<ChildPlan*>(pArg);
     const ExecRequest& request = *plan.pRequest;
+    plan.pSharesMemory->store(true);
     if (request.pPid != nullptr) {
         request.pPid->store(static_cast<pid_t>(::syscall(SYS_getpid)));
     }
     if (request.bExecute) {
         for (int nSignal = 1; nSignal < _NSIG; ++nSignal) {
+            if (!plan.pSignals->bReset[nSignal]) continue;
             (void)::syscall(SYS_rt_sigaction, nSignal, kNothing, nullptr, kKernelSignalSet);
         }
         if (plan.bSetLimit) {
@@ -220,7 +269,7 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) int Run
         }
         (void)::syscall(SYS_rt_sigprocmask, SIG_SETMASK, kNothing, nullptr, kKernelSignalSet);
         (void)::syscall(SYS_execve, request.szPath, request.argv, request.envp);
-        plan.nExecErrno.store(errno);
+        plan.pExecErrno->store(errno);
     }
     (void)::syscall(SYS_exit_group, 0);
     __builtin_unreachable();
@@ -269,20 +318,29 @@ bool AwaitProcessEnd(const ProcessId& process, std::chrono::milliseconds wait) {
     }
 }
 
+void RememberSignalActions() {
+    for (int nSignal = 1; nSignal < _NSIG; ++nSignal) {
+        struct sigaction action {};
+        // The C library keeps some to itself and tells nothing of them.
+        const bool bKnown = ::sigaction(nSignal, nullptr, &action) == 0;
+        g_SignalsToReset.bReset[nSignal] = !bKnown || action.sa_handler != SIG_DFL;
+    }
+}
+
 ForkResult ForkAndExec(const ExecRequest& request) {
     ForkResult result;
-    // A stack of its own: what the child leaves behind on it meets nothing of ours. vfork itself
-    // would share our frame.
-    void* const pMemory =
-        ::mmap(nullptr, kChildMemory, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (pMemory == MAP_FAILED) {
+    // A stack of its own, within ours: what the child leaves behind on it meets nothing of ours.
+    // vfork itself would share our frame.
+    alignas(16) char stack[kChildStack];
+    CExecReport report;
+    if (report.Errno() == nullptr) {
         result.nForkErrno = errno;
         return result;
     }
-    const ScopeGuard freeMemory{[&] { (void)::munmap(pMemory, kChildMemory); }};
     const int nHighestFd = CanCloseRange() ? 2 : HighestFd();
-    ChildPlan& plan = *new (pMemory) ChildPlan{&request, false, {}, nHighestFd, {}};
-    plan.nExecErrno.store(0);
+    ChildPlan plan{
+        &request,      false, {}, nHighestFd, &g_SignalsToReset, &CExecReport::SharesMemory(),
+        report.Errno()};
     if (const auto limit = OriginalDescriptorLimit()) {
         plan.bSetLimit = true;
         plan.limit = {limit->rlim_cur, limit->rlim_max};
@@ -293,15 +351,14 @@ ForkResult ForkAndExec(const ExecRequest& request) {
     sigset_t former;
     (void)sigfillset(&all);
     (void)pthread_sigmask(SIG_SETMASK, &all, &former);
-    result.nPid =
-        ::clone(&RunChild, static_cast<char*>(pMemory) + kChildMemory, kVforkFlags, &plan);
+    result.nPid = ::clone(&RunChild, stack + kChildStack, kVforkFlags, &plan);
     if (result.nPid < 0) result.nForkErrno = errno;
     (void)pthread_sigmask(SIG_SETMASK, &former, nullptr);
     // Once more, for children that got a memory of their own: ThreadSanitizer's, and every one
     // where an emulator makes a fork of a vfork.
     if (result.nPid > 0 && request.pPid != nullptr) request.pPid->store(result.nPid);
 
-    result.nExecErrno = plan.nExecErrno.load();
+    result.nExecErrno = report.Errno()->load();
     return result;
 }
 

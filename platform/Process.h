@@ -45,6 +45,10 @@ struct ForkResult {
     int nExecErrno = 0;  // why execve failed; the child has then ended with status 0
 };
 
+/// For a process that changes no signal action from now on: ForkAndExec sets back to their default
+/// the signals that are not at it now, instead of all. To be called before there are threads.
+void RememberSignalActions();
+
 /// vfork(2) and execve(2). The program starts with no blocked and no ignored signals, descriptors 0
 /// to 2 only, and the descriptor limit that the broker itself was started with. The caller reaps
 /// it.

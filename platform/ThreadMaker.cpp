@@ -4,10 +4,19 @@
 #include <sys/prctl.h>
 
 #include <csignal>
+#include <cstddef>
+#include <cstring>
 
 #include "platform/ScopeGuard.h"
 
 namespace vok {
+
+namespace {
+
+/// The kernel's TASK_COMM_LEN: a name and its end.
+constexpr std::size_t kThreadName = 16;
+
+}  // namespace
 
 bool ThreadMaker::CreateThread(const std::string& /*strName*/, void* (*pRoutine)(void*), void* pArg,
                                unsigned int nStackSize, bool bDetached) {
@@ -31,7 +40,13 @@ bool ThreadMaker::CreateThread(const std::string& /*strName*/, void* (*pRoutine)
 }
 
 void ThreadMaker::NameThisThread(const char* szName) {
-    (void)prctl(PR_SET_NAME, szName, 0, 0, 0);  // fails only for a bad pointer
+    // A connection repeats its calls; a call into the kernel is not repeated with them.
+    thread_local char t_szName[kThreadName] = "";
+    thread_local bool t_bNamed = false;
+    if (t_bNamed && std::strncmp(t_szName, szName, kThreadName - 1) == 0) return;
+    t_bNamed = true;
+    std::strncpy(t_szName, szName, kThreadName - 1);
+    (void)prctl(PR_SET_NAME, t_szName, 0, 0, 0);  // fails only for a bad pointer
 }
 
 }  // namespace vok

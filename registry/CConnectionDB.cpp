@@ -1,5 +1,6 @@
 #include "registry/CConnectionDB.h"
 
+#include <iterator>
 #include <utility>
 
 #include "platform/Log.h"
@@ -27,12 +28,19 @@ VOK_TSA(no_thread_safety_analysis) void CConnectionDB::PrintAll() {
 }
 
 std::string CConnectionDB::GetEmpPort(std::string strName) {
+    return PortOf(strName);
+}
+
+std::string CConnectionDB::PortOf(const std::string& strName) {
     const CLock lock{m_mtxConnection};
-    // The empty port sorts before every other one: the first entry from here on is the name's
-    // first.
-    const auto it = m_mapConnection.lower_bound({strName, {}});
-    if (it == m_mapConnection.end() || it->first.first != strName) return kNoPort;
-    return it->first.second;
+    if (m_itLast == m_mapConnection.end() || m_itLast->first.first != strName ||
+        !IsFirstOfItsName(m_itLast)) {
+        // The empty port sorts before every other one: the first entry from here on is the name's
+        // first.
+        m_itLast = m_mapConnection.lower_bound(ConnectionKey{strName, {}});
+    }
+    if (m_itLast == m_mapConnection.end() || m_itLast->first.first != strName) return kNoPort;
+    return m_itLast->first.second;
 }
 
 int CConnectionDB::IncreasePendingCount(ConnectionKey key) {
@@ -71,62 +79,86 @@ std::set<std::string> CConnectionDB::GetClientPortNumList(ConnectionKey key) {
 }
 
 bool CConnectionDB::AddConnectionData(ConnectionKey key, std::string strClientPort) {
-    VOK_LOG(LEVEL_TRACE, "key[%s][%s]. clientPort:[%s]", key.first.c_str(), key.second.c_str(),
-            strClientPort.c_str());
+    return AddClient(key.first, key.second, strClientPort);
+}
+
+bool CConnectionDB::AddClient(const std::string& strName, const std::string& strPort,
+                              const std::string& strClientPort) {
+    VOK_LOG_AS("AddConnectionData", LEVEL_TRACE, "key[%s][%s]. clientPort:[%s]", strName.c_str(),
+               strPort.c_str(), strClientPort.c_str());
     const CLock lock{m_mtxConnection};
-    const auto it = m_mapConnection.find(key);
-    if (it == m_mapConnection.end()) {
-        m_mapConnection.emplace(std::move(key), struct_conn_DB_Data_DB{{strClientPort}, 0});
-        return true;
+    if (!IsLast(strName, strPort)) {
+        ConnectionKey key{strName, strPort};
+        const auto it = m_mapConnection.lower_bound(key);
+        if (it == m_mapConnection.end() || it->first != key) {
+            struct_conn_DB_Data_DB data;
+            data.m_setClientPort.insert(strClientPort);
+            m_itLast = m_mapConnection.emplace_hint(it, std::move(key), std::move(data));
+            return true;
+        }
+        m_itLast = it;
     }
-    if (!it->second.m_setClientPort.insert(strClientPort).second) {
-        VOK_LOG(LEVEL_ERROR, "[%s][%s] is already in DB.. cannot add", key.first.c_str(),
-                key.second.c_str());
+    if (!m_itLast->second.m_setClientPort.insert(strClientPort).second) {
+        VOK_LOG_AS("AddConnectionData", LEVEL_ERROR, "[%s][%s] is already in DB.. cannot add",
+                   strName.c_str(), strPort.c_str());
         return false;
     }
     return true;
 }
 
 bool CConnectionDB::RemoveClientPortFromConnDB(ConnectionKey key, std::string strClientPort) {
+    return RemoveClient(key, strClientPort);
+}
+
+bool CConnectionDB::RemoveClient(const ConnectionKey& key, const std::string& strClientPort) {
     const CLock lock{m_mtxConnection};
-    const auto it = m_mapConnection.find(key);
+    const auto it = Find(key);
     if (it == m_mapConnection.end()) {
-        VOK_LOG(LEVEL_ERROR, "Remove client:[%s], but Connection key <%s,%s> is not in the DB.",
-                strClientPort.c_str(), key.first.c_str(), key.second.c_str());
+        VOK_LOG_AS("RemoveClientPortFromConnDB", LEVEL_ERROR,
+                   "Remove client:[%s], but Connection key <%s,%s> is not in the DB.",
+                   strClientPort.c_str(), key.first.c_str(), key.second.c_str());
         return false;
     }
     if (it->second.m_setClientPort.erase(strClientPort) == 0) {
-        VOK_LOG(LEVEL_ERROR, "the client:[%s] to be removed isn't in the DB.",
-                strClientPort.c_str());
+        VOK_LOG_AS("RemoveClientPortFromConnDB", LEVEL_ERROR,
+                   "the client:[%s] to be removed isn't in the DB.", strClientPort.c_str());
         return false;
     }
     return true;
 }
 
 bool CConnectionDB::RemoveConnectionData(const ConnectionKey& key, std::string strClientPort) {
+    return RemoveConnection(key, strClientPort);
+}
+
+bool CConnectionDB::RemoveConnection(const ConnectionKey& key, const std::string& strClientPort) {
     const CLock lock{m_mtxConnection};
-    const auto it = m_mapConnection.find(key);
+    const auto it = Find(key);
     if (it == m_mapConnection.end()) {
-        VOK_LOG(LEVEL_ERROR, "[%s][%s] is not in DB..  cannot remove. clientPort[%s]",
-                key.first.c_str(), key.second.c_str(), strClientPort.c_str());
+        VOK_LOG_AS("RemoveConnectionData", LEVEL_ERROR,
+                   "[%s][%s] is not in DB..  cannot remove. clientPort[%s]", key.first.c_str(),
+                   key.second.c_str(), strClientPort.c_str());
         return false;
     }
     if (it->second.m_setClientPort.erase(strClientPort) == 0) {
-        VOK_LOG(LEVEL_ERROR, "clientPort:[%s] is not in DB..  cannot remove. The Key is [%s][%s]",
-                strClientPort.c_str(), key.first.c_str(), key.second.c_str());
+        VOK_LOG_AS("RemoveConnectionData", LEVEL_ERROR,
+                   "clientPort:[%s] is not in DB..  cannot remove. The Key is [%s][%s]",
+                   strClientPort.c_str(), key.first.c_str(), key.second.c_str());
         return false;
     }
-    if (it->second.m_setClientPort.empty()) m_mapConnection.erase(it);
+    if (it->second.m_setClientPort.empty()) Erase(it);
     return true;
 }
 
 bool CConnectionDB::RemoveEmpInfoFromConnDB(const ConnectionKey& key) {
     const CLock lock{m_mtxConnection};
-    if (m_mapConnection.erase(key) == 0) {
+    const auto it = Find(key);
+    if (it == m_mapConnection.end()) {
         VOK_LOG(LEVEL_ERROR, "Not found, Connection key <%s,%s> is not in the DB.",
                 key.first.c_str(), key.second.c_str());
         return false;
     }
+    Erase(it);
     return true;
 }
 
@@ -172,7 +204,26 @@ void CConnectionDB::MoveToPort(ConnectionMap::iterator it, const std::string& st
     // Does nothing where there is an entry already, also when that is this one: the entry that is
     // moved vanishes then.
     m_mapConnection.emplace(ConnectionKey{strName, strNewPort}, it->second);
+    Erase(it);
+}
+
+ConnectionMap::iterator CConnectionDB::Find(const ConnectionKey& key) {
+    if (!IsLast(key.first, key.second)) m_itLast = m_mapConnection.find(key);
+    return m_itLast;
+}
+
+void CConnectionDB::Erase(ConnectionMap::iterator it) {
+    m_itLast = m_mapConnection.end();
     m_mapConnection.erase(it);
+}
+
+bool CConnectionDB::IsLast(const std::string& strName, const std::string& strPort) const {
+    return m_itLast != m_mapConnection.end() && m_itLast->first.second == strPort &&
+           m_itLast->first.first == strName;
+}
+
+bool CConnectionDB::IsFirstOfItsName(ConnectionMap::iterator it) const {
+    return it == m_mapConnection.begin() || std::prev(it)->first.first != it->first.first;
 }
 
 }  // namespace vok

@@ -80,6 +80,14 @@ public:
     /// An EMP server is gone, whoever was connected. False for an unknown key.
     bool RemoveEmpInfoFromConnDB(const ConnectionKey& key);
 
+    /// As GetEmpPort, AddConnectionData, RemoveClientPortFromConnDB and RemoveConnectionData, which
+    /// they log as, but without texts of their own. The last two need no memory.
+    std::string PortOf(const std::string& strName);
+    bool AddClient(const std::string& strName, const std::string& strPort,
+                   const std::string& strClientPort);
+    bool RemoveClient(const ConnectionKey& key, const std::string& strClientPort);
+    bool RemoveConnection(const ConnectionKey& key, const std::string& strClientPort);
+
     /// Replaces a port. SERVER_TYPE_CALLBACK: the client `strOldValue` becomes `strNewValue`.
     /// SERVER_TYPE_EMP: the entry moves to the EMP port `strNewValue`, clients and pending count
     /// included; the port that it already has makes it vanish. False for an unknown key or type.
@@ -87,10 +95,18 @@ public:
                               std::string strNewValue);
 
 private:
+    /// The entry; the end when there is none.
+    ConnectionMap::iterator Find(const ConnectionKey& key) VOK_REQUIRES(m_mtxConnection);
+    void Erase(ConnectionMap::iterator it) VOK_REQUIRES(m_mtxConnection);
+    bool IsLast(const std::string& strName, const std::string& strPort) const
+        VOK_REQUIRES(m_mtxConnection);
+    bool IsFirstOfItsName(ConnectionMap::iterator it) const VOK_REQUIRES(m_mtxConnection);
     void MoveToPort(ConnectionMap::iterator it, const std::string& strOldPort,
                     const std::string& strNewPort) VOK_REQUIRES(m_mtxConnection);
 
     ConnectionMap m_mapConnection VOK_GUARDED_BY(m_mtxConnection);
+    /// The entry that was found last: an open asks for the same one twice.
+    ConnectionMap::iterator m_itLast VOK_GUARDED_BY(m_mtxConnection) = m_mapConnection.end();
     CSocketPorts m_SocketPorts VOK_GUARDED_BY(m_mtxConnection);
     CMutex m_mtxConnection;
 };

@@ -45,13 +45,13 @@ bool CEmpInfo::Add(const std::string& strName, const std::string& strVersion) {
         return false;
     }
     VOK_CLASS_LOG("CEmpInfo", LEVEL_DETAIL, "Add a new item to mapInfo: ");
-    m_mapInfo.emplace(strName, boost::make_shared<CEmpDataInfo>(strName, strVersion, EMP_ADDED));
+    auto spRecord = boost::make_shared<CEmpDataInfo>(strName, strVersion, EMP_ADDED);
+    m_itLast = m_mapInfo.emplace(strName, std::move(spRecord)).first;
     return true;
 }
 
 bool CEmpInfo::Remove(std::string strName) {
-    const CLock lock{m_mtxInfo};
-    m_mapInfo.erase(strName);
+    Forget(strName);
     return true;
 }
 
@@ -73,26 +73,15 @@ bool CEmpInfo::SetTypeOption(std::string strName, const std::string& strOption) 
 }
 
 std::string CEmpInfo::GetTypeOption(std::string strName) {
-    const CLock lock{m_mtxInfo};
-    const CEmpDataInfo* const pInfo = Find(strName);
-    return pInfo ? pInfo->GetOption() : std::string{};
+    return OptionOf(strName);
 }
 
 bool CEmpInfo::SetTypeStatus(std::string strName, const EMP_STATUS& eStatus) {
-    const CLock lock{m_mtxInfo};
-    CEmpDataInfo* const pInfo = Find(strName);
-    if (!pInfo) {
-        VOK_CLASS_LOG("CEmpInfo", LEVEL_ERROR, "error : %s is not found setStatus(%d)",
-                      strName.c_str(), eStatus);
-        return false;
-    }
-    return pInfo->SetStatus(eStatus);
+    return SetStatusOf(strName, eStatus);
 }
 
 EMP_STATUS CEmpInfo::GetTypeStatus(std::string strName) {
-    const CLock lock{m_mtxInfo};
-    const CEmpDataInfo* const pInfo = Find(strName);
-    return pInfo ? pInfo->GetStatus() : EMP_NOT_FOUND;
+    return StatusOf(strName);
 }
 
 bool CEmpInfo::SetEmpPid(std::string strName, int nPid) {
@@ -122,14 +111,40 @@ ProcessId CEmpInfo::GetEmpProcess(const std::string& strName) {
 
 void CEmpInfo::EndFailedOpen(const std::string& strName, bool bIsNew) {
     const CLock lock{m_mtxInfo};
-    const auto it = m_mapInfo.find(strName);
-    if (it == m_mapInfo.end())
-        VOK_CLASS_LOG_AS("CEmpInfo", "SetTypeStatus", LEVEL_ERROR,
-                         "error : %s is not found setStatus(%d)", strName.c_str(), EMP_CLOSED);
+    CEmpDataInfo* const pInfo = Find(strName);
+    if (!pInfo)
+        LogMissing(strName, EMP_CLOSED);
     else if (bIsNew)
-        m_mapInfo.erase(it);
+        EraseLast();
     else
-        (void)it->second->SetStatus(EMP_CLOSED);
+        (void)pInfo->SetStatus(EMP_CLOSED);
+}
+
+EMP_STATUS CEmpInfo::StatusOf(const std::string& strName) {
+    const CLock lock{m_mtxInfo};
+    const CEmpDataInfo* const pInfo = Find(strName);
+    return pInfo ? pInfo->GetStatus() : EMP_NOT_FOUND;
+}
+
+std::string CEmpInfo::OptionOf(const std::string& strName) {
+    const CLock lock{m_mtxInfo};
+    const CEmpDataInfo* const pInfo = Find(strName);
+    return pInfo ? pInfo->GetOption() : std::string{};
+}
+
+bool CEmpInfo::SetStatusOf(const std::string& strName, EMP_STATUS eStatus) {
+    const CLock lock{m_mtxInfo};
+    CEmpDataInfo* const pInfo = Find(strName);
+    if (!pInfo) {
+        LogMissing(strName, eStatus);
+        return false;
+    }
+    return pInfo->SetStatus(eStatus);
+}
+
+void CEmpInfo::Forget(const std::string& strName) {
+    const CLock lock{m_mtxInfo};
+    if (Find(strName)) EraseLast();
 }
 
 std::map<std::string, CEmpDataInfo> CEmpInfo::GetEmpInfo() {
@@ -150,8 +165,19 @@ bool CEmpInfo::SetTypeVersion(std::string, std::string) {
 }
 
 CEmpDataInfo* CEmpInfo::Find(const std::string& strName) {
-    const auto it = m_mapInfo.find(strName);
-    return it == m_mapInfo.end() ? nullptr : it->second.get();
+    if (m_itLast == m_mapInfo.end() || m_itLast->first != strName)
+        m_itLast = m_mapInfo.find(strName);
+    return m_itLast == m_mapInfo.end() ? nullptr : m_itLast->second.get();
+}
+
+void CEmpInfo::EraseLast() {
+    m_mapInfo.erase(m_itLast);
+    m_itLast = m_mapInfo.end();
+}
+
+void CEmpInfo::LogMissing(const std::string& strName, EMP_STATUS eStatus) {
+    VOK_CLASS_LOG_AS("CEmpInfo", "SetTypeStatus", LEVEL_ERROR,
+                     "error : %s is not found setStatus(%d)", strName.c_str(), eStatus);
 }
 
 }  // namespace vok

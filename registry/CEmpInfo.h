@@ -99,6 +99,13 @@ public:
     /// A copy of every record.
     std::map<std::string, CEmpDataInfo> GetEmpInfo();
 
+    /// As GetTypeStatus, GetTypeOption, SetTypeStatus and Remove, which they log as, but without a
+    /// name of their own: but for the option's, they need no memory.
+    EMP_STATUS StatusOf(const std::string& strName);
+    std::string OptionOf(const std::string& strName);
+    bool SetStatusOf(const std::string& strName, EMP_STATUS eStatus);
+    void Forget(const std::string& strName);
+
     /// No versions are kept: always empty, and true without storing anything.
     std::string GetTypeVersion(std::string strName);
     bool SetTypeVersion(std::string strName, std::string strVersion);
@@ -106,8 +113,14 @@ public:
 private:
     /// The record; null when the EMP is not known.
     CEmpDataInfo* Find(const std::string& strName) VOK_REQUIRES(m_mtxInfo);
+    /// What Find has found.
+    void EraseLast() VOK_REQUIRES(m_mtxInfo);
+    static void LogMissing(const std::string& strName, EMP_STATUS eStatus);
 
-    std::map<std::string, boost::shared_ptr<CEmpDataInfo>> m_mapInfo VOK_GUARDED_BY(m_mtxInfo);
+    using Records = std::map<std::string, boost::shared_ptr<CEmpDataInfo>>;
+    Records m_mapInfo VOK_GUARDED_BY(m_mtxInfo);
+    /// The record that was found last: an open or close asks for the same one several times.
+    Records::iterator m_itLast VOK_GUARDED_BY(m_mtxInfo) = m_mapInfo.end();
     CMutex m_mtxInfo;
 };
 

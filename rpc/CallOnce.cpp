@@ -1,7 +1,12 @@
 #include "rpc/CallOnce.h"
 
+#include <arpa/inet.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+
+#include <cstdint>
+#include <optional>
 
 #include "platform/Descriptors.h"
 
@@ -12,29 +17,57 @@ using apache::thrift::transport::TTransportException;
 
 namespace {
 
-/// True when both ends of a TCP connection are one socket.
-bool IsConnectedToItself(int nFd) {
-    sockaddr_in own{};
-    sockaddr_in peer{};
-    socklen_t nOwn = sizeof own;
-    socklen_t nPeer = sizeof peer;
-    return ::getsockname(nFd, reinterpret_cast<sockaddr*>(&own), &nOwn) == 0 &&
-           ::getpeername(nFd, reinterpret_cast<sockaddr*>(&peer), &nPeer) == 0 &&
-           own.sin_family == AF_INET && own.sin_port == peer.sin_port &&
-           own.sin_addr.s_addr == peer.sin_addr.s_addr;
-}
-
+/// The library asks the resolver for every host, which asks the kernel for all its addresses: that
+/// is most of what a connection within the set costs, and an address needs no resolving.
 class CRpcSocket : public TSocket {
 public:
     using TSocket::TSocket;
 
     void open() override {
-        TSocket::open();
-        const int nFd = static_cast<int>(getSocketFD());
-        SetCloseOnExec(nFd);  // the library opens it without
-        if (!IsConnectedToItself(nFd)) return;
+        if (isOpen()) return;
+        const std::optional<sockaddr_in> address = NumericAddress();
+        if (address)
+            OpenTo(*address);
+        else
+            TSocket::open();
+        SetCloseOnExec(static_cast<int>(getSocketFD()));  // the library opens it without
+        if (!address || !IsConnectedToItself(*address)) return;
         close();
         throw TTransportException(TTransportException::NOT_OPEN, "connected to itself");
+    }
+
+private:
+    /// None when the host is no IPv4 address, for a path, and for a port that none can have.
+    std::optional<sockaddr_in> NumericAddress() const {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        if (!path_.empty() || port_ < 0 || port_ > UINT16_MAX) return std::nullopt;
+        address.sin_port = htons(static_cast<std::uint16_t>(port_));
+        if (::inet_pton(AF_INET, host_.c_str(), &address.sin_addr) != 1) return std::nullopt;
+        return address;
+    }
+
+    void OpenTo(sockaddr_in address) {
+        addrinfo info{};
+        info.ai_family = AF_INET;
+        info.ai_socktype = SOCK_STREAM;
+        info.ai_addr = reinterpret_cast<sockaddr*>(&address);
+        info.ai_addrlen = sizeof address;
+        try {
+            openConnection(&info);
+        } catch (const TTransportException&) {
+            close();  // what was opened stays open otherwise
+            throw;
+        }
+    }
+
+    /// True when the connection has been given, as its own, the address that it was to reach.
+    bool IsConnectedToItself(const sockaddr_in& peer) {
+        sockaddr_in own{};
+        socklen_t nOwn = sizeof own;
+        return ::getsockname(static_cast<int>(getSocketFD()), reinterpret_cast<sockaddr*>(&own),
+                             &nOwn) == 0 &&
+               own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
     }
 };
 

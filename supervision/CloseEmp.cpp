@@ -41,21 +41,6 @@ bool RefusesClose(EMP_STATUS eStatus) {
 
 }  // namespace
 
-/// What the tables are asked for once the EMP has answered. Made before it is called: what an EMP
-/// has answered is recorded, however short memory is.
-struct CBroker::LeavingClient {
-    explicit LeavingClient(const ConnectionInfo& info)
-        : key(info.empName, info.empPort),
-          strStatusOf(info.empName),
-          strRecordOf(info.empName),
-          strPort(info.clientPort) {}
-
-    ConnectionKey key;
-    std::string strStatusOf;
-    std::string strRecordOf;
-    std::string strPort;
-};
-
 bool CBroker::CloseEmp(const ConnectionInfo& info) {
     ++m_Counters.nCloses;
     NameThread(info);
@@ -75,22 +60,23 @@ bool CBroker::CloseEmp(const ConnectionInfo& info) {
 }
 
 bool CBroker::CloseCounted(const ConnectionInfo& info, EmpType::type eKind) {
-    if (!CheckStatus(info.empName)) {
+    if (!AwaitSettledStatus(info.empName)) {
         CLOSE_LOG(LEVEL_DETAIL,
                   "emp:%s status: EMP_NOT_FOUND, Maybe it was closed by other client.",
                   info.empName.c_str());
         return true;
     }
-    if (const EMP_STATUS eStatus = m_EmpInfo.GetTypeStatus(info.empName); RefusesClose(eStatus)) {
+    if (const EMP_STATUS eStatus = m_EmpInfo.StatusOf(info.empName); RefusesClose(eStatus)) {
         CLOSE_LOG(LEVEL_ERROR, "[%s] status[%d] is incorrect", info.empName.c_str(), eStatus);
         return false;
     }
 
     CLOSE_LOG(LEVEL_DETAIL, "RPC Request:[CEmpAppBase::Close], empPort:[%s], clientport[%s]",
               info.empPort.c_str(), info.clientPort.c_str());
-    LeavingClient client{info};
+    // Made before the EMP is called: what it has answered is recorded, however short memory is.
+    const ConnectionKey key{info.empName, info.empPort};
     const auto spProxy = boost::make_shared<CBrokerProxyEmp>(info.empPort);
-    return RecordClose(client, eKind, spProxy->Close(info.clientPort, eKind));
+    return RecordClose(key, info.clientPort, eKind, spProxy->Close(info.clientPort, eKind));
 }
 
 /// False for an EMP that lives nowhere.
@@ -153,32 +139,31 @@ void CBroker::RaiseMountCountAgain(const std::string& strImage) {
 }
 
 /// Brings the tables up to date; what is missing there has gone meanwhile, and is logged.
-/// `nReferences`: how many clients the EMP still serves; below 0, the call failed.
-bool CBroker::RecordClose(LeavingClient& client, EmpType::type eKind, int nReferences) {
-    const ConnectionKey& key = client.key;
+/// `nReferences`: how many clients the EMP still serves; below 0, the call failed. Needs no
+/// memory, as options are short.
+bool CBroker::RecordClose(const ConnectionKey& key, const std::string& strClientPort,
+                          EmpType::type eKind, int nReferences) {
     const char* const szEmp = key.first.c_str();
 
     if (nReferences < 0) {
         CLOSE_LOG(LEVEL_ERROR, "Error!! EMP[%s] ReferenceCounter[%d] ", szEmp, nReferences);
-        if (m_EmpInfo.GetTypeOption(std::move(client.strStatusOf)) == kOptionSingleton)
-            (void)m_EmpInfo.Remove(std::move(client.strRecordOf));
-        (void)m_ConnectionDB.RemoveConnectionData(key, std::move(client.strPort));
+        if (m_EmpInfo.OptionOf(key.first) == kOptionSingleton) m_EmpInfo.Forget(key.first);
+        (void)m_ConnectionDB.RemoveConnection(key, strClientPort);
         return false;
     }
     if (nReferences > 0)
         CLOSE_LOG(LEVEL_EVENT, "EMP:[%s] ReferenceCounter:[%d]", szEmp, nReferences);
 
-    (void)m_EmpInfo.SetTypeStatus(std::move(client.strStatusOf), EMP_OPENED);
+    (void)m_EmpInfo.SetStatusOf(key.first, EMP_OPENED);
     if (nReferences == 0 && eKind == EmpType::REGISTER) {
         // No process ends that would report its stop: this is the end of the EMP.
         CLOSE_LOG(LEVEL_EVENT, "RegisterEMP[%s] ReferenceCounter[%d]", szEmp, nReferences);
-        (void)m_EmpInfo.Remove(std::move(client.strRecordOf));
-        (void)m_ConnectionDB.RemoveConnectionData(key, std::move(client.strPort));
+        m_EmpInfo.Forget(key.first);
+        (void)m_ConnectionDB.RemoveConnection(key, strClientPort);
         return true;
     }
     // The entry stays, also without clients, until the EMP reports its stop.
-    (void)m_ConnectionDB.RemoveClientPortFromConnDB(std::move(client.key),
-                                                    std::move(client.strPort));
+    (void)m_ConnectionDB.RemoveClient(key, strClientPort);
     return true;
 }
 

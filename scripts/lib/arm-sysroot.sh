@@ -7,7 +7,7 @@
 # What the build links; apt adds what these need. Keep in step with packages_build.
 packages_sysroot=(
   libc6-dev libstdc++-12-dev
-  libthrift-dev libboost-dev libspdlog-dev libfmt-dev libmount-dev libpugixml-dev
+  libthrift-dev libboost-dev libmount-dev libpugixml-dev
   libgtest-dev libgmock-dev
 )
 # The suite that the cross compiler's run-time packages are of.

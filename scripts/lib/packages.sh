@@ -5,7 +5,7 @@
 packages_build=(
   g++ cmake ninja-build pkg-config
   libthrift-dev thrift-compiler libboost-dev
-  libspdlog-dev libfmt-dev libmount-dev libpugixml-dev
+  libmount-dev libpugixml-dev
   libgtest-dev libgmock-dev
 )
 # To run the demo. python3-thrift needs python3-six, and does not say so.
@@ -18,6 +18,9 @@ packages_test=(
   python3 python3-thrift python3-six squashfs-tools erofs-utils e2fsprogs
   iproute2 mount util-linux procps net-tools spin
 )
+# To build and run the bench, besides those of the tests: what it writes, and what is measured beside
+# the broker.
+packages_bench=(nlohmann-json3-dev libdbus-1-dev libbenchmark-dev dbus-daemon xinetd)
 
 package_is_installed() {
   [[ $(LC_ALL=C dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null) == installed ]]

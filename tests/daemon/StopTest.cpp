@@ -7,8 +7,10 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <fstream>
 
+#include "platform/Process.h"
 #include "tests/daemon/OpenCloseTest.h"
 #include "tests/support/CPrivateWorld.h"
 
@@ -189,12 +191,28 @@ TEST_F(Stop, OfAProcessThatHasEndedSignalsNobody) {
     ExpectNoSignal("Weather", strPid);
 }
 
+/// Waits until a new process would start at another time than this one, as /proc/PID/stat tells it:
+/// in clock ticks since the machine has started.
+void AwaitLaterStartThan(const ProcessId& process) {
+    const auto nTicksPerSecond = static_cast<unsigned long long>(::sysconf(_SC_CLK_TCK));
+    EXPECT_TRUE(CDaemon::Await([&] {
+        timespec now{};
+        (void)::clock_gettime(CLOCK_BOOTTIME, &now);
+        const auto nSeconds = static_cast<unsigned long long>(now.tv_sec);
+        const auto nNanoseconds = static_cast<unsigned long long>(now.tv_nsec);
+        return nSeconds * nTicksPerSecond + nNanoseconds * nTicksPerSecond / 1'000'000'000 >
+               process.nStartTime;
+    }));
+}
+
 TEST_F(Stop, DoesNotSignalWhoHasGotTheSamePid) {
     CEmpInstaller::Preinstall("Weather");
     const ConnectionInfo info = OpenEmp("Weather");
     const std::string strPid = Ask(info.empPort, "Pid");
+    const ProcessId emp = IdentifyProcess(std::stoi(strPid));
     ASSERT_EQ(::kill(std::stoi(strPid), SIGKILL), 0);
     AwaitLine(4, "ForkEmp", "WAITPID returns : [" + strPid + "].status : [9], execve return :[0] ");
+    AwaitLaterStartThan(emp);
     const CBystander bystander(std::stoi(strPid));
     ASSERT_EQ(bystander.Pid(), std::stoi(strPid)) << strerror(errno);
 

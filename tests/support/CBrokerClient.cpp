@@ -3,16 +3,14 @@
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
 
-#include "platform/Limits.h"
-
 namespace vok::test {
 
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::transport::TBufferedTransport;
 using apache::thrift::transport::TSocket;
 
-CBrokerClient::CBrokerClient(std::chrono::milliseconds patience)
-    : m_pSocket(std::make_shared<TSocket>(kBrokerAddress, kBrokerPort)),
+CBrokerClient::CBrokerClient(std::chrono::milliseconds patience, int nPort)
+    : m_pSocket(std::make_shared<TSocket>(kBrokerAddress, nPort)),
       m_pClient(std::make_unique<VokBrokerClient>(
           std::make_shared<TBinaryProtocol>(std::make_shared<TBufferedTransport>(m_pSocket)))) {
     const int nMilliseconds = static_cast<int>(patience.count());

@@ -8,18 +8,20 @@
 #include <string>
 
 #include "VokBroker.h"
+#include "platform/Limits.h"
 
 namespace vok::test {
 
-/// One connection to the broker's port. Calls throw apache::thrift::TException when the transport
-/// fails or the broker answers with an exception. One call at a time.
+/// One connection to the broker's port, or to that of who speaks like it. Calls throw
+/// apache::thrift::TException when the transport fails or the broker answers with an exception. One
+/// call at a time.
 class CBrokerClient {
 public:
     /// How long a call may take before it fails: longer than anything that the broker does.
     static constexpr std::chrono::seconds kPatience{90};
 
     /// Connects.
-    explicit CBrokerClient(std::chrono::milliseconds patience = kPatience);
+    explicit CBrokerClient(std::chrono::milliseconds patience = kPatience, int nPort = kBrokerPort);
     CBrokerClient(const CBrokerClient&) = delete;
     CBrokerClient& operator=(const CBrokerClient&) = delete;
 

@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -415,11 +416,7 @@ private:
 
 class SyslogSink : public ::testing::Test {
 protected:
-    SyslogSink() { m_Sink.set_pattern("%v"); }
-
-    void Log(spdlog::level::level_enum level, const std::string& strText) {
-        m_Sink.log(spdlog::details::log_msg("", level, strText));
-    }
+    void Log(int nSeverity, const std::string& strText) { m_Sink.Write(nSeverity, strText); }
 
     const CTemporaryFolder m_Folder;
     const std::string m_strPath = m_Folder.Path("log");
@@ -428,13 +425,10 @@ protected:
 
 TEST_F(SyslogSink, SendsPriorityTagAndRecord) {
     CLogDaemon daemon(m_strPath);
-    const std::vector<std::pair<spdlog::level::level_enum, std::string>> cases = {
-        {spdlog::level::err, "27"},
-        {spdlog::level::warn, "28"},
-        {spdlog::level::info, "29"},
-        {spdlog::level::debug, "31"}};
-    for (const auto& [level, strPriority] : cases) {
-        Log(level, "text");
+    const std::vector<std::pair<int, std::string>> cases = {
+        {LOG_ERR, "27"}, {LOG_WARNING, "28"}, {LOG_NOTICE, "29"}, {LOG_DEBUG, "31"}};
+    for (const auto& [nSeverity, strPriority] : cases) {
+        Log(nSeverity, "text");
         const std::string strDatagram = daemon.Receive();
         EXPECT_THAT(strDatagram,
                     ::testing::MatchesRegex(
@@ -446,19 +440,19 @@ TEST_F(SyslogSink, SendsPriorityTagAndRecord) {
 
 TEST_F(SyslogSink, DaemonThatReadsNothingBlocksNothing) {
     CLogDaemon daemon(m_strPath);
-    for (int i = 0; i < 5000; ++i) Log(spdlog::level::err, std::to_string(i));
+    for (int i = 0; i < 5000; ++i) Log(LOG_ERR, std::to_string(i));
     EXPECT_THAT(daemon.Receive(), ::testing::EndsWith(": 0"));
     int nMore = 0;
     while (!daemon.Receive().empty()) ++nMore;
     EXPECT_LT(nMore, 4999) << "its queue was never full";
-    Log(spdlog::level::err, "read again");
+    Log(LOG_ERR, "read again");
     EXPECT_THAT(daemon.Receive(), HasSubstr("read again"));
 }
 
 TEST_F(SyslogSink, DaemonThatComesLaterIsFound) {
-    Log(spdlog::level::err, "lost");
+    Log(LOG_ERR, "lost");
     CLogDaemon daemon(m_strPath);
-    Log(spdlog::level::err, "found");
+    Log(LOG_ERR, "found");
     EXPECT_THAT(daemon.Receive(), HasSubstr("found"));
     EXPECT_EQ(daemon.Receive(), "");
 }
@@ -466,20 +460,20 @@ TEST_F(SyslogSink, DaemonThatComesLaterIsFound) {
 TEST_F(SyslogSink, DaemonThatComesBackIsFound) {
     {
         CLogDaemon daemon(m_strPath);
-        Log(spdlog::level::err, "first");
+        Log(LOG_ERR, "first");
         EXPECT_THAT(daemon.Receive(), HasSubstr("first"));
     }
-    Log(spdlog::level::err, "lost");
+    Log(LOG_ERR, "lost");
     std::filesystem::remove(m_strPath);
     CLogDaemon daemon(m_strPath);
-    Log(spdlog::level::err, "second");
+    Log(LOG_ERR, "second");
     EXPECT_THAT(daemon.Receive(), HasSubstr("second"));
 }
 
 TEST_F(SyslogSink, LongRecordComesInPieces) {
     CLogDaemon daemon(m_strPath);
     const std::string strText(20'000, 'x');
-    Log(spdlog::level::err, strText);
+    Log(LOG_ERR, strText);
     std::string strReceived;
     for (std::string strPiece; !(strPiece = daemon.Receive()).empty();) {
         EXPECT_LE(strPiece.size(), 8192u);
@@ -490,7 +484,7 @@ TEST_F(SyslogSink, LongRecordComesInPieces) {
 
 TEST(SyslogSinkPath, TooLongIsNoDestination) {
     CSyslogSink sink(std::string(200, 'x'));
-    EXPECT_NO_THROW(sink.log(spdlog::details::log_msg("", spdlog::level::err, "lost")));
+    EXPECT_NO_THROW(sink.Write(LOG_ERR, "lost"));
 }
 
 }  // namespace

@@ -40,6 +40,21 @@ TEST(SetCloseOnExec, SweepsEveryOpenDescriptorAboveTwo) {
     EXPECT_EQ(fcntl(0, F_GETFD), nFormer);
 }
 
+TEST(SetCloseOnExec, SweepsAsFarWithNobodyToTell) {
+    const CUniqueFd unset{::open("/dev/null", O_RDONLY)};
+    const CUniqueFd far{fcntl(unset.Get(), F_DUPFD, 700)};
+    const int nFormer = fcntl(0, F_GETFD);
+    ASSERT_TRUE(unset.IsOpen() && far.IsOpen());
+
+    SetCloseOnExec(nullptr);
+
+    EXPECT_TRUE(IsCloseOnExec(unset.Get()));
+    EXPECT_TRUE(IsCloseOnExec(far.Get()));
+    EXPECT_EQ(fcntl(0, F_GETFD), nFormer);
+    const CUniqueFd later{::open("/dev/null", O_RDONLY)};
+    EXPECT_FALSE(IsCloseOnExec(later.Get()));
+}
+
 TEST(SetCloseOnExec, SecondSweepHasNothingToTell) {
     SetCloseOnExec([](int) {});
     std::vector<int> told;

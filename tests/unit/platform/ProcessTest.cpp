@@ -260,6 +260,26 @@ TEST_F(ForkAndExecTest, ProgramHasNoBlockedAndNoIgnoredSignals) {
     EXPECT_EQ(sigismember(&after, SIGUSR2), 0);
 }
 
+using RememberSignalActionsTest = ForkAndExecTest;
+
+TEST_F(RememberSignalActionsTest, ProgramHasNoneOfTheRememberedSignalsIgnored) {
+    // In a process of its own: there is no way back.
+    const pid_t nPid = ::fork();
+    if (nPid == 0) {
+        (void)std::signal(SIGUSR1, SIG_IGN);
+        (void)std::signal(SIGRTMAX, SIG_IGN);
+        (void)std::signal(SIGTERM, [](int) {});
+        RememberSignalActions();
+        const char* const szScript = "grep -E '^Sig(Blk|Ign):' /proc/self/status >$OUT";
+        EXPECT_EQ(RunScript(szScript), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+        (void)std::signal(SIGUSR2, SIG_IGN);  // after all, and so it stays
+        EXPECT_THAT(RunScript(szScript), HasSubstr("SigIgn:\t0000000000000800\n"));
+        ::_exit(HasFailure() ? 1 : 0);
+    }
+    ASSERT_EQ(AwaitChild(nPid, &m_nStatus), nPid);
+    EXPECT_EQ(m_nStatus, 0);
+}
+
 TEST_F(ForkAndExecTest, ProgramHasTheLimitFromBeforeItWasRaised) {
     rlimit former{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
@@ -368,6 +388,8 @@ TEST_F(OlderKernel, ServesAsWell) {
         if (!ForbidNewCalls()) ::_exit(kCannotForbid);
         const CUniqueFd inherited{::open("/dev/null", O_RDONLY)};
         EXPECT_EQ(RunScript("exec >$OUT; ls /proc/$$/fd; true"), "0\n1\n2\n");
+        SetCloseOnExec(nullptr);
+        EXPECT_EQ(::fcntl(inherited.Get(), F_GETFD), FD_CLOEXEC);
         CSleeper sleeper;
         ProcessId process = IdentifyProcess(sleeper.Pid());
         EXPECT_FALSE(AwaitProcessEnd(process, 20ms));

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <future>
 #include <memory>
+#include <thread>
 
 #include "platform/Limits.h"
 #include "platform/ThreadMaker.h"
@@ -74,6 +75,27 @@ TEST(CreateThread, FailsWithoutARoutine) {
 
 TEST(NameThisThread, KeepsFifteenCharacters) {
     EXPECT_STREQ(LookInNewThread().szName, "VOK-B-LongerTha");
+}
+
+TEST(NameThisThread, TakesEveryNameAlsoOneThatItHadBefore) {
+    std::thread([] {
+        for (const char* szName :
+             {"B-O-Weather", "B-O-Weather2", "B-O-Weather", "", "B-O-Weather"}) {
+            ThreadMaker::NameThisThread(szName);
+            char szNow[16] = "";
+            prctl(PR_GET_NAME, szNow);
+            EXPECT_STREQ(szNow, szName);
+        }
+    }).join();
+}
+
+TEST(NameThisThread, TakesAnEmptyNameFirst) {
+    std::thread([] {
+        ThreadMaker::NameThisThread("");
+        char szNow[16] = "none";
+        prctl(PR_GET_NAME, szNow);
+        EXPECT_STREQ(szNow, "");
+    }).join();
 }
 
 }  // namespace
