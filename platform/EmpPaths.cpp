@@ -21,6 +21,7 @@ CPath::CPath(std::initializer_list<std::string_view> parts) {
     std::size_t nSize = 0;
     for (const std::string_view part : parts) nSize += part.size();
     if (nSize >= kUsual) {
+        m_szUsual[0] = '\0';
         m_strLong.reserve(nSize);
         for (const std::string_view part : parts) m_strLong.append(part);
         return;

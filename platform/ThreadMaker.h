@@ -13,7 +13,8 @@ public:
     static bool CreateThread(const std::string& strName, void* (*pRoutine)(void*), void* pArg,
                              unsigned int nStackSize, bool bDetached);
 
-    /// Names the calling thread; the kernel keeps 15 characters (PR_SET_NAME, prctl(2)).
+    /// Names the calling thread; the kernel keeps 15 characters (PR_SET_NAME, prctl(2)). A name
+    /// that somebody else gives it meanwhile is not noticed by the next call with the same name.
     static void NameThisThread(const char* szName);
 };
 

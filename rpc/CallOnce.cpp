@@ -31,19 +31,21 @@ public:
         else
             TSocket::open();
         SetCloseOnExec(static_cast<int>(getSocketFD()));  // the library opens it without
-        if (!address || !IsConnectedToItself(*address)) return;
+        if (!path_.empty() || !IsConnectedToItself(address)) return;
         close();
         throw TTransportException(TTransportException::NOT_OPEN, "connected to itself");
     }
 
 private:
-    /// None when the host is no IPv4 address, for a path, and for a port that none can have.
+    /// None when the host is no IPv4 address of a host, for a path, and for a port that none can
+    /// have.
     std::optional<sockaddr_in> NumericAddress() const {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         if (!path_.empty() || port_ < 0 || port_ > UINT16_MAX) return std::nullopt;
         address.sin_port = htons(static_cast<std::uint16_t>(port_));
         if (::inet_pton(AF_INET, host_.c_str(), &address.sin_addr) != 1) return std::nullopt;
+        if (address.sin_addr.s_addr == INADDR_ANY) return std::nullopt;
         return address;
     }
 
@@ -61,13 +63,19 @@ private:
         }
     }
 
-    /// True when the connection has been given, as its own, the address that it was to reach.
-    bool IsConnectedToItself(const sockaddr_in& peer) {
+    /// True when both ends are one socket. `peer`: the other end, when it is known already.
+    bool IsConnectedToItself(std::optional<sockaddr_in> peer) {
+        const int nFd = static_cast<int>(getSocketFD());
         sockaddr_in own{};
-        socklen_t nOwn = sizeof own;
-        return ::getsockname(static_cast<int>(getSocketFD()), reinterpret_cast<sockaddr*>(&own),
-                             &nOwn) == 0 &&
-               own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
+        socklen_t nSize = sizeof own;
+        if (::getsockname(nFd, reinterpret_cast<sockaddr*>(&own), &nSize) != 0) return false;
+        if (!peer) {
+            peer.emplace();
+            nSize = sizeof *peer;
+            if (::getpeername(nFd, reinterpret_cast<sockaddr*>(&*peer), &nSize) != 0) return false;
+        }
+        return own.sin_family == AF_INET && own.sin_port == peer->sin_port &&
+               own.sin_addr.s_addr == peer->sin_addr.s_addr;
     }
 };
 

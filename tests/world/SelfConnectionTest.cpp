@@ -12,7 +12,15 @@
 namespace vok {
 namespace {
 
-TEST(SelfConnection, IsNone) {
+/// The second is the same address to the kernel, but not to who compares addresses.
+struct HostCase {
+    const char* szName;
+    const char* szHost;
+};
+
+class SelfConnectionTest : public ::testing::TestWithParam<HostCase> {};
+
+TEST_P(SelfConnectionTest, IsNone) {
     constexpr int kPort = 41000;
     std::ofstream range{"/proc/sys/net/ipv4/ip_local_port_range"};
     ASSERT_TRUE(range << kPort << ' ' << kPort << std::endl);
@@ -21,13 +29,18 @@ TEST(SelfConnection, IsNone) {
     bool bAsked = false;
     std::string strWhat;
     EXPECT_FALSE(CallOnce<VokEmpClient>(
-        {"127.0.0.1", kPort, {}}, [&](VokEmpClient&) { bAsked = true; },
+        {GetParam().szHost, kPort, {}}, [&](VokEmpClient&) { bAsked = true; },
         [&](const char* szWhat) { strWhat = szWhat; }));
 
     EXPECT_EQ(strWhat, "connected to itself");
     EXPECT_FALSE(bAsked);
     EXPECT_EQ(InheritableDescriptors(), before);
 }
+
+INSTANTIATE_TEST_SUITE_P(Host, SelfConnectionTest,
+                         ::testing::Values(HostCase{"Loopback", "127.0.0.1"},
+                                           HostCase{"Any", "0.0.0.0"}),
+                         [](const auto& info) { return info.param.szName; });
 
 }  // namespace
 }  // namespace vok
