@@ -6,7 +6,7 @@
 # .cppcheck-suppressions.
 
 # shellcheck disable=SC2034  # for scripts/test
-packages_lint=(clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck)
+packages_lint=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck)
 
 lint_product=(platform registry rpc broker open supervision)
 
