@@ -210,7 +210,7 @@ std::string CMessageBus::WriteConfiguration(const std::string& strServiceProgram
     WriteFile(
         m_Folder.Path(std::string(kBusName) + ".service"),
         std::string("[D-BUS Service]\nName=") + kBusName + "\nExec=" + strServiceProgram + "\n");
-    const std::string strFile = m_Folder.Path("session.conf");
+    const std::string strFile = m_Folder.Path("bus.conf");
     // The policy is that of every session bus.
     WriteFile(strFile,
               "<busconfig>\n<type>session</type>\n<listen>unix:path=" + m_Folder.Path("bus") +

@@ -24,6 +24,7 @@
 #include "tests/support/CBrokerClient.h"
 #include "tests/support/CDaemon.h"
 #include "tests/support/CPrivateWorld.h"
+#include "tests/support/OwnLimit.h"
 
 namespace vok::test {
 namespace {
@@ -41,16 +42,6 @@ CUniqueFd ConnectIdly() {
     linger reset{1, 0};
     EXPECT_EQ(::setsockopt(fd.Get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset), 0);
     return fd;
-}
-
-/// Descriptors for the test itself.
-bool RaiseOwnLimit(rlim_t nDescriptors) {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
-    if (limit.rlim_cur >= nDescriptors) return true;
-    limit.rlim_cur = nDescriptors;
-    limit.rlim_max = std::max(limit.rlim_max, nDescriptors);
-    return ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
 class ListenerTest : public ::testing::Test {

@@ -23,6 +23,7 @@
 #include "tests/flood/CSideClients.h"
 #include "tests/flood/Form.h"
 #include "tests/support/CAdminClient.h"
+#include "tests/support/OwnLimit.h"
 
 namespace vok::test {
 namespace {
@@ -41,15 +42,6 @@ constexpr int kRounds = 10;
 /// thread's stack as far as it is used, its buffers), and so much for whatever is in work at once.
 constexpr long kKiBEachConnection = 40;
 constexpr long kKiBInWork = 64 * 1024;
-
-bool RaiseOwnLimit(rlim_t nDescriptors) {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
-    if (limit.rlim_cur >= nDescriptors) return true;
-    limit.rlim_cur = nDescriptors;
-    limit.rlim_max = std::max(limit.rlim_max, nDescriptors);
-    return ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
-}
 
 /// A connection that ends with a reset, so that no port waits for its last packets.
 CUniqueFd Connect() {
