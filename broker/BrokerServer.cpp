@@ -47,7 +47,7 @@ void CBroker::Serve() {
     try {
         // Not owned: the broker outlives its server, which it holds.
         const std::shared_ptr<VokBrokerIf> pHandler{std::shared_ptr<void>{}, this};
-        const auto pProcessor = std::make_shared<VokBrokerProcessor>(pHandler);
+        const auto pProcessor = std::make_shared<VokBrokerProcessorT<CServerProtocol>>(pHandler);
         SERVER_LOG(LEVEL_DETAIL, "Broker Server Type:[TCP].");
 
         const auto pServer = std::make_shared<CRpcServer>(

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <thrift/concurrency/Exception.h>
 #include <thrift/concurrency/ThreadFactory.h>
-#include <thrift/protocol/TBinaryProtocol.h>
 
 #include <algorithm>
 #include <climits>
@@ -16,7 +15,6 @@
 #include "platform/Limits.h"
 #include "platform/Log.h"
 #include "platform/ScopeGuard.h"
-#include "rpc/CTextTransport.h"
 #include "rpc/CallOnce.h"
 
 namespace vok {
@@ -160,8 +158,8 @@ std::shared_ptr<apache::thrift::transport::TTransportFactory> ServerTransports()
 
 std::shared_ptr<apache::thrift::protocol::TProtocolFactory> ServerProtocols() {
     // Containers have no limit; a message without the version word is accepted.
-    return std::make_shared<apache::thrift::protocol::TBinaryProtocolFactory>(kLongestText, 0,
-                                                                              false, true);
+    return std::make_shared<apache::thrift::protocol::TBinaryProtocolFactoryT<CTextTransport>>(
+        kLongestText, 0, false, true);
 }
 
 long ConnectionLimit(unsigned long nDescriptors) {

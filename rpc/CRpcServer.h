@@ -1,11 +1,14 @@
 /// The RPC library's threaded server, made to survive its clients.
 #pragma once
 
+#include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/server/TThreadedServer.h>
 #include <thrift/transport/TServerSocket.h>
 
 #include <memory>
 #include <string>
+
+#include "rpc/CTextTransport.h"
 
 namespace vok {
 
@@ -25,7 +28,9 @@ protected:
     std::shared_ptr<apache::thrift::transport::TSocket> createSocket(THRIFT_SOCKET client) override;
 };
 
-/// How every server of the broker reads what its clients send, and writes what it answers.
+/// How every server of the broker reads what its clients send, and writes what it answers. The
+/// protocol's class is for processors made from a template, which call it directly.
+using CServerProtocol = apache::thrift::protocol::TBinaryProtocolT<CTextTransport>;
 std::shared_ptr<apache::thrift::transport::TTransportFactory> ServerTransports();
 std::shared_ptr<apache::thrift::protocol::TProtocolFactory> ServerProtocols();
 

@@ -21,7 +21,7 @@
 #include "VokBroker.h"
 #include "bench/support/CBrokerStage.h"
 #include "platform/Log.h"
-#include "rpc/CTextTransport.h"
+#include "rpc/CRpcServer.h"
 #include "rpc/CallOnce.h"
 #include "tests/support/CFakeEmp.h"
 #include "tests/support/CPrivateWorld.h"
@@ -30,6 +30,7 @@ namespace vok::bench {
 namespace {
 
 using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::protocol::TProtocol;
 using apache::thrift::transport::TMemoryBuffer;
 
 /// How often an operation is run before it is counted, and while it is.
@@ -92,16 +93,15 @@ public:
 
 private:
     /// As the daemon serves: see its server.
-    static std::shared_ptr<TBinaryProtocol> Served(const std::shared_ptr<TMemoryBuffer>& pWire) {
-        return std::make_shared<TBinaryProtocol>(std::make_shared<CTextTransport>(pWire),
-                                                 kLongestText, 0, false, true);
+    static std::shared_ptr<TProtocol> Served(const std::shared_ptr<TMemoryBuffer>& pWire) {
+        return ServerProtocols()->getProtocol(ServerTransports()->getTransport(pWire));
     }
 
     const std::shared_ptr<TMemoryBuffer> m_pRequest = std::make_shared<TMemoryBuffer>();
     const std::shared_ptr<TMemoryBuffer> m_pAnswer = std::make_shared<TMemoryBuffer>();
-    VokBrokerProcessor m_Processor;
-    const std::shared_ptr<TBinaryProtocol> m_pReader;
-    const std::shared_ptr<TBinaryProtocol> m_pWriter;
+    VokBrokerProcessorT<CServerProtocol> m_Processor;
+    const std::shared_ptr<TProtocol> m_pReader;
+    const std::shared_ptr<TProtocol> m_pWriter;
     VokBrokerClient m_Client;
 };
 
