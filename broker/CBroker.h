@@ -281,8 +281,8 @@ private:
     /// The decision inside UnmoutEMP.
     bool UnmountUnused(const std::string& strEmp) VOK_REQUIRES(m_mtxMapEmp);
 
-    /// CheckStatus, without a name of its own.
-    bool AwaitSettledStatus(const std::string& strEmp);
+    /// CheckStatus, without a name of its own. `eStatus`: the status as it was just now.
+    bool AwaitSettledStatus(const std::string& strEmp, EMP_STATUS eStatus);
 
     // The steps of CloseEmp.
     bool ClassifyForClose(const std::string& strEmp, EmpType::type& eKind, std::string& strImage);

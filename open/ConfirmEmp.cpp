@@ -74,12 +74,11 @@ void CBroker::ConfirmEMPServer(const std::string& strTicketSerial, const std::st
 #define CHECK_LOG(level, ...) VOK_LOG_AS("CheckStatus", level, __VA_ARGS__)
 
 bool CBroker::CheckStatus(std::string strEmp) {
-    return AwaitSettledStatus(strEmp);
+    return AwaitSettledStatus(strEmp, m_EmpInfo.StatusOf(strEmp));
 }
 
-bool CBroker::AwaitSettledStatus(const std::string& strEmp) {
-    for (int i = 0;; ++i) {
-        const EMP_STATUS eStatus = m_EmpInfo.StatusOf(strEmp);
+bool CBroker::AwaitSettledStatus(const std::string& strEmp, EMP_STATUS eStatus) {
+    for (int i = 0;; ++i, eStatus = m_EmpInfo.StatusOf(strEmp)) {
         if (eStatus < EMP_ADDED || eStatus > EMP_RESERVED6) {
             CHECK_LOG(LEVEL_ERROR, "[%s]'s status is EMP_NOT_FOUND - return error", strEmp.c_str());
             return false;

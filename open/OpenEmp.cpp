@@ -49,7 +49,7 @@ private:
     bool Locate();
     void IssueTicket();
     bool ChooseServer();
-    bool ChooseServerOfKnownEmp();
+    bool ChooseServerOfKnownEmp(EMP_STATUS eStatus);
     void ReuseServer(std::string&& strPort);
     void RaiseMountCount();
     void CountMountedImage() VOK_REQUIRES(m_Broker.m_mtxMapEmp);
@@ -201,15 +201,16 @@ void COpenOperation::IssueTicket() {
 
 /// False when the open is refused.
 bool COpenOperation::ChooseServer() {
-    m_bIsNew = m_Broker.m_EmpInfo.Add(m_strEmp, m_strVersion);
-    if (!m_bIsNew) return ChooseServerOfKnownEmp();
+    EMP_STATUS eStatus = EMP_NOT_FOUND;
+    m_bIsNew = m_Broker.m_EmpInfo.Add(m_strEmp, m_strVersion, eStatus);
+    if (!m_bIsNew) return ChooseServerOfKnownEmp(eStatus);
 
     OPEN_LOG(LEVEL_TRACE, "Emp:[%s] is not in the m_EmpInfo.", m_strEmp.c_str());
     return true;
 }
 
-bool COpenOperation::ChooseServerOfKnownEmp() {
-    if (!m_Broker.AwaitSettledStatus(m_strEmp)) return false;
+bool COpenOperation::ChooseServerOfKnownEmp(EMP_STATUS eStatus) {
+    if (!m_Broker.AwaitSettledStatus(m_strEmp, eStatus)) return false;
 
     m_strOption = m_Broker.m_EmpInfo.OptionOf(m_strEmp);
     OPEN_LOG(LEVEL_TRACE, "strOption:[%s] ", m_strOption.c_str());

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <cstddef>
-#include <initializer_list>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -45,12 +45,29 @@ bool IsFileName(const std::string& strEmp);
 /// length.
 class CPath {
 public:
-    explicit CPath(std::initializer_list<std::string_view> parts);
+    /// The parts, one after the other.
+    template <typename... Parts>
+    explicit CPath(const Parts&... parts) {
+        if ((std::string_view(parts).size() + ...) >= kUsual) {
+            m_szUsual[0] = '\0';
+            (m_strLong.append(parts), ...);
+            return;
+        }
+        // A copy for each part: those of a size that the compiler knows take no call.
+        char* pEnd = m_szUsual;
+        ((pEnd = Append(pEnd, parts)), ...);
+        *pEnd = '\0';
+    }
     const char* c_str() const { return m_strLong.empty() ? m_szUsual : m_strLong.c_str(); }
     operator std::string() const { return c_str(); }  // NOLINT: it is one, kept elsewhere
     bool operator==(std::string_view strPath) const { return strPath == c_str(); }
 
 private:
+    static char* Append(char* pEnd, std::string_view strPart) {
+        std::memcpy(pEnd, strPart.data(), strPart.size());
+        return pEnd + strPart.size();
+    }
+
     static constexpr std::size_t kUsual = 128;
     char m_szUsual[kUsual];
     std::string m_strLong;

@@ -39,14 +39,21 @@ bool CEmpDataInfo::SetEmpProcess(const ProcessId& process) {
 }
 
 bool CEmpInfo::Add(const std::string& strName, const std::string& strVersion) {
+    EMP_STATUS eStatus = EMP_NOT_FOUND;
+    return Add(strName, strVersion, eStatus);
+}
+
+bool CEmpInfo::Add(const std::string& strName, const std::string& strVersion, EMP_STATUS& eStatus) {
     const CLock lock{m_mtxInfo};
-    if (Find(strName)) {
+    if (const CEmpDataInfo* const pInfo = Find(strName)) {
+        eStatus = pInfo->GetStatus();
         VOK_CLASS_LOG("CEmpInfo", LEVEL_DETAIL, "[%s] is already in map", strName.c_str());
         return false;
     }
     VOK_CLASS_LOG("CEmpInfo", LEVEL_DETAIL, "Add a new item to mapInfo: ");
     auto spRecord = boost::make_shared<CEmpDataInfo>(strName, strVersion, EMP_ADDED);
     m_itLast = m_mapInfo.emplace(strName, std::move(spRecord)).first;
+    eStatus = EMP_ADDED;
     return true;
 }
 

@@ -68,6 +68,8 @@ public:
     /// Adds an EMP with status EMP_ADDED and option "0000". False, and nothing changes, when it is
     /// already known.
     bool Add(const std::string& strName, const std::string& strVersion);
+    /// The same, and the status that it has afterwards.
+    bool Add(const std::string& strName, const std::string& strVersion, EMP_STATUS& eStatus);
 
     /// True, also when there is nothing to remove.
     bool Remove(std::string strName);

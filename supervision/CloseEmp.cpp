@@ -60,7 +60,7 @@ bool CBroker::CloseEmp(const ConnectionInfo& info) {
 }
 
 bool CBroker::CloseCounted(const ConnectionInfo& info, EmpType::type eKind) {
-    if (!AwaitSettledStatus(info.empName)) {
+    if (!AwaitSettledStatus(info.empName, m_EmpInfo.StatusOf(info.empName))) {
         CLOSE_LOG(LEVEL_DETAIL,
                   "emp:%s status: EMP_NOT_FOUND, Maybe it was closed by other client.",
                   info.empName.c_str());
