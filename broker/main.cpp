@@ -1,5 +1,6 @@
 // The daemon: into the background, and serve until SIGTERM.
 #include <fcntl.h>
+#include <malloc.h>
 #include <thrift/Thrift.h>
 #include <unistd.h>
 
@@ -27,6 +28,12 @@ void FillStandardDescriptors() {
     if (nFd > STDERR_FILENO) (void)::close(nFd);
 }
 
+/// The C library would give the first threads a heap of their own each, which costs pages that are
+/// never given back. Threads that allocate three times in a call do not get into each other's way.
+void UseOneHeap() {
+    (void)::mallopt(M_ARENA_MAX, 1);
+}
+
 }  // namespace
 
 int main() {
@@ -39,6 +46,7 @@ int main() {
 
     vok::InstallStopHandler();
     vok::g_pfnBrokerCreated = &vok::AdmitStopSignal;
+    UseOneHeap();
     // A peer, or a log, that is gone is told by an error of the call.
     (void)std::signal(SIGPIPE, SIG_IGN);
     (void)std::signal(SIGCHLD, SIG_DFL);  // ignored, EMPs would be reaped by nobody

@@ -1,25 +1,23 @@
 #include "platform/CSocketPorts.h"
 
-#include "platform/Limits.h"
+#include <cstddef>
 
 namespace vok {
 
-CSocketPorts::CSocketPorts() {
-    for (int nPort = kFirstPoolPort; nPort <= kLastPoolPort; ++nPort) {
-        m_setFree.insert(m_setFree.end(), nPort);
-    }
-}
-
 int CSocketPorts::Lease() {
-    if (m_setFree.empty()) return -1;
-    const int nPort = *m_setFree.begin();
-    m_setFree.erase(m_setFree.begin());
-    return nPort;
+    if (m_Leased.all()) return -1;
+    std::size_t nFree = 0;
+    while (m_Leased.test(nFree)) ++nFree;
+    m_Leased.set(nFree);
+    return kFirstPoolPort + static_cast<int>(nFree);
 }
 
 int CSocketPorts::Return(int nPort) {
     if (nPort < kFirstPoolPort || nPort > kLastPoolPort) return -1;
-    return m_setFree.insert(nPort).second ? 0 : -1;
+    const auto nPlace = static_cast<std::size_t>(nPort - kFirstPoolPort);
+    if (!m_Leased.test(nPlace)) return -1;
+    m_Leased.reset(nPlace);
+    return 0;
 }
 
 }  // namespace vok

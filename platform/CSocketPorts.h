@@ -1,15 +1,15 @@
 /// A pool of port numbers.
 #pragma once
 
-#include <set>
+#include <bitset>
+
+#include "platform/Limits.h"
 
 namespace vok {
 
 /// Hands out the ports kFirstPoolPort to kLastPoolPort. Not thread-safe: its owner locks.
 class CSocketPorts {
 public:
-    CSocketPorts();
-
     /// A free port, the lowest first; -1 when none is left.
     int Lease();
 
@@ -17,7 +17,7 @@ public:
     int Return(int nPort);
 
 private:
-    std::set<int> m_setFree;
+    std::bitset<kLastPoolPort - kFirstPoolPort + 1> m_Leased;
 };
 
 }  // namespace vok
