@@ -9,6 +9,7 @@
 #include "bench/Baselines.h"
 #include "bench/CLoad.h"
 #include "bench/CNetwork.h"
+#include "bench/CPin.h"
 #include "bench/CStage.h"
 #include "bench/Clock.h"
 #include "bench/Emps.h"
@@ -48,6 +49,7 @@ void CloseAndAwaitEnd(CBrokerClient& client, const ConnectionInfo& info) {
 /// From the call until the address is there. The EMP has ended again when this returns.
 double SecondsOfColdOpen(CBrokerClient& client, const std::string& strEmp) {
     ConnectionInfo info;
+    Settle();
     const double seconds = SecondsOf([&] { info = CStage::Open(client, strEmp); });
     CloseAndAwaitEnd(client, info);
     return seconds;
@@ -55,6 +57,7 @@ double SecondsOfColdOpen(CBrokerClient& client, const std::string& strEmp) {
 
 double ColdOpenUntilAnswer(CBrokerClient& client, const std::string& strEmp) {
     ConnectionInfo info;
+    Settle();
     const double seconds = SecondsOf([&] {
         info = CStage::Open(client, strEmp);
         if (!CBrokerProxyEmp{info.empPort}.Ping(kClientPort))
@@ -95,6 +98,7 @@ rlim_t AllowedDescriptors(rlim_t nWanted) {
 
 Measured ColdOpen(const Effort& effort, eLinkage eKind) {
     const std::string strEmp = InstallEmpOf(eKind);
+    const CPin pin;
     CStage stage;
     stage.EndAtLast(strEmp);
     CBareStarter starter;
@@ -109,11 +113,13 @@ Measured ColdOpen(const Effort& effort, eLinkage eKind) {
 
 Measured ColdOpenBesideBus(const Effort& effort, eLinkage eKind) {
     const std::string strEmp = InstallEmpOf(eKind);
+    const CPin pin;
     CStage stage;
     stage.EndAtLast(strEmp);
     CMessageBus bus{CEmpInstaller::BuiltProgram("vok-bench-bus-service")};
     const auto pClient = stage.Connect();
     const auto activate = [&] {
+        Settle();
         const double seconds = Seconds(bus.Activate());
         bus.Release();
         return seconds;
@@ -129,11 +135,13 @@ Measured FirstAnswerBesideXinetd(const Effort& effort, eLinkage eKind) {
     const std::string strEmp = InstallEmpOf(eKind);
     const char* const szXinetdEmp =
         eKind == eLinkage::Static ? "vok-bench-xinetd-emp-static" : "vok-bench-xinetd-emp";
+    const CPin pin;
     CStage stage;
     stage.EndAtLast(strEmp);
     CXinetd xinetd{kXinetdPort, CEmpInstaller::BuiltProgram(szXinetdEmp)};
     const auto pClient = stage.Connect();
     const auto firstAnswer = [&] {
+        Settle();
         const double seconds = Seconds(xinetd.FirstAnswer());
         xinetd.Release();
         return seconds;
@@ -159,6 +167,7 @@ Measured ManyColdOpens(const Effort& effort) {
     return InMilliseconds(Compare(
         effort.nMassRounds, [&] { return starter.Start(emps); },
         [&] {
+            Settle();
             const double seconds = load.SecondsOfOneEach();
             for (const ConnectionInfo& info : opened) CloseAndAwaitEnd(*pClient, info);
             return seconds;
@@ -167,6 +176,7 @@ Measured ManyColdOpens(const Effort& effort) {
 
 Measured ColdOpenManyDescriptors(const Effort& effort) {
     const std::string strEmp = InstallEmpOf(eLinkage::Static);
+    const CPin pin;
     const CNetwork fewNetwork;
     const CNetwork manyNetwork;
     CStage few{{2, 1'024, &fewNetwork}};

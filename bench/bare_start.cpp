@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "VokBroker.h"
+#include "bench/Clock.h"
 #include "bench/Lines.h"
 #include "open/ExecImage.h"
 #include "platform/Descriptors.h"
@@ -31,7 +32,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using vok::bench::Clock;
 
 /// Where the EMPs' reports arrive.
 class CReports : public vok::VokBrokerIf {
@@ -123,6 +124,7 @@ private:
     int NextSerial() { return m_nSerial = m_nSerial % 99'999 + 1; }
 
     std::chrono::nanoseconds StartOne(CBareEmp& emp) {
+        vok::bench::Settle();
         const Clock::time_point begin = Clock::now();
         emp.StartAndAwait(m_Reports);
         return Clock::now() - begin;
@@ -141,6 +143,7 @@ private:
             });
         }
         while (nWaiting < emps.size()) std::this_thread::yield();
+        vok::bench::Settle();
         const Clock::time_point begin = Clock::now();
         go.set_value();
         for (std::thread& thread : threads) thread.join();
