@@ -15,9 +15,10 @@ CLoad::CLoad(int nClients, int nPort, Call call) : m_Call(std::move(call)) {
             std::make_unique<test::CBrokerClient>(test::CBrokerClient::kPatience, nPort));
 }
 
-/// Runs `work(client, nClient)` for all at the same time: seconds until all have returned.
-template <typename Work>
-double CLoad::Run(Work&& work) {
+/// Runs `work(client, nClient)` for all at the same time, once they stand and `prepare()` has
+/// returned: seconds until all have returned.
+template <typename Prepare, typename Work>
+double CLoad::Run(Prepare&& prepare, Work&& work) {
     std::promise<void> go;
     const std::shared_future<void> gone{go.get_future()};
     std::atomic<std::size_t> nWaiting{0};
@@ -30,6 +31,7 @@ double CLoad::Run(Work&& work) {
         }));
     }
     while (nWaiting < m_Clients.size()) std::this_thread::yield();
+    prepare();
     const Clock::time_point begin = Clock::now();
     go.set_value();
     for (std::future<void>& client : clients) client.wait();
@@ -41,16 +43,17 @@ double CLoad::Run(Work&& work) {
 double CLoad::SecondsPerCall(std::chrono::milliseconds duration) {
     std::atomic<long> nCalls{0};
     const Clock::time_point end = Clock::now() + duration;
-    const double seconds = Run([&](test::CBrokerClient& client, int nClient) {
-        long nOwn = 0;
-        for (; Clock::now() < end; ++nOwn) m_Call(client, nClient);
-        nCalls += nOwn;
-    });
+    const double seconds = Run([] {},
+                               [&](test::CBrokerClient& client, int nClient) {
+                                   long nOwn = 0;
+                                   for (; Clock::now() < end; ++nOwn) m_Call(client, nClient);
+                                   nCalls += nOwn;
+                               });
     return seconds / static_cast<double>(std::max(nCalls.load(), 1L));
 }
 
 double CLoad::SecondsOfOneEach() {
-    return Run(m_Call);
+    return Run(&Settle, m_Call);
 }
 
 }  // namespace vok::bench

@@ -26,8 +26,8 @@ public:
     double SecondsOfOneEach();
 
 private:
-    template <typename Work>
-    double Run(Work&& work);
+    template <typename Prepare, typename Work>
+    double Run(Prepare&& prepare, Work&& work);
 
     const Call m_Call;
     std::vector<std::unique_ptr<test::CBrokerClient>> m_Clients;

@@ -32,6 +32,7 @@ public:
     CFullStage(int nClients, int nEmps)
         : m_Stage({2, 0, &m_Network}), m_pClient(m_Stage.Connect()) {
         AddEmps(nEmps);
+        m_nEmps = nEmps;
         m_strEmpPort = m_Stage.KeepRunning(kEmp).empPort;
         for (int n = 0; n < nClients; ++n)
             (void)CStage::Open(*m_pClient, kEmp, std::to_string(10'000 + n));
@@ -40,17 +41,28 @@ public:
     }
 
     /// The median open of a client that is not connected, or the median close of one that is. The
-    /// other of the two is made, too, but its time does not count.
+    /// other of the two is made, too, but its time does not count. Another EMP is asked for before
+    /// each of them: neither finds its own where the last call has left it.
     double Median(int nTimes, bool bOfCloses) {
         return MedianOf(nTimes, [&] {
             ConnectionInfo info;
+            VisitAnother();
             const double open = SecondsOf([&] { info = CStage::Open(*m_pClient, kEmp, "45001"); });
+            VisitAnother();
             const double close = SecondsOf([&] { CStage::Close(*m_pClient, info); });
             return bOfCloses ? close : open;
         });
     }
 
 private:
+    /// A client that is connected already asks for one of the other EMPs, each time for another
+    /// one.
+    void VisitAnother() {
+        constexpr int kStride = 37;  // far from the last one, and prime to any table's size
+        m_nVisited = (m_nVisited + kStride) % m_nEmps;
+        (void)CStage::Open(*m_pClient, "Bench" + std::to_string(m_nVisited));
+    }
+
     /// Each has been opened, by a client that stays.
     void AddEmps(int nEmps) {
         const CNetwork::CVisit visit{&m_Network};
@@ -79,6 +91,8 @@ private:
     CStage m_Stage;
     const std::unique_ptr<CBrokerClient> m_pClient;
     std::string m_strEmpPort;
+    int m_nEmps = 0;
+    int m_nVisited = 0;
 };
 
 std::vector<Measured> OpenAndClose(const Effort& effort, int nClients, int nEmps) {

@@ -167,7 +167,6 @@ Measured ManyColdOpens(const Effort& effort) {
     return InMilliseconds(Compare(
         effort.nMassRounds, [&] { return starter.Start(emps); },
         [&] {
-            Settle();
             const double seconds = load.SecondsOfOneEach();
             for (const ConnectionInfo& info : opened) CloseAndAwaitEnd(*pClient, info);
             return seconds;

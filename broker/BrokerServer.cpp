@@ -8,6 +8,7 @@
 #include "platform/Limits.h"
 #include "platform/Log.h"
 #include "platform/ThreadMaker.h"
+#include "rpc/BrokerProcessor.h"
 #include "rpc/CRpcServer.h"
 
 namespace vok {
@@ -47,7 +48,7 @@ void CBroker::Serve() {
     try {
         // Not owned: the broker outlives its server, which it holds.
         const std::shared_ptr<VokBrokerIf> pHandler{std::shared_ptr<void>{}, this};
-        const auto pProcessor = std::make_shared<VokBrokerProcessorT<CServerProtocol>>(pHandler);
+        const auto pProcessor = MakeBrokerProcessor(pHandler);
         SERVER_LOG(LEVEL_DETAIL, "Broker Server Type:[TCP].");
 
         const auto pServer = std::make_shared<CRpcServer>(

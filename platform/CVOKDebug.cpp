@@ -56,19 +56,29 @@ public:
     bool IsOpen() const { return m_Fd.IsOpen(); }
 
     void Write(const char* pText, std::size_t nSize) {
-        const CLock lock{m_Mutex};  // a long record may take several writes after all
-        while (nSize > 0) {
-            const ssize_t nWritten = ::write(m_Fd.Get(), pText, nSize);
-            if (nWritten < 0 && errno == EINTR) continue;
-            if (nWritten <= 0) return;  // a full disk: the rest is lost
-            pText += nWritten;
-            nSize -= static_cast<std::size_t>(nWritten);
+        // O_APPEND keeps one write whole; no lock is held over what nearly always is one.
+        const std::size_t nWritten = WriteSome(pText, nSize);
+        if (nWritten == 0 || nWritten == nSize) return;  // 0: a full disk
+        const CLock lock{m_Mutex};
+        for (std::size_t nDone = nWritten; nDone < nSize;) {
+            const std::size_t nMore = WriteSome(pText + nDone, nSize - nDone);
+            if (nMore == 0) return;  // the rest is lost
+            nDone += nMore;
         }
     }
 
 private:
+    /// 0: nothing can be written.
+    std::size_t WriteSome(const char* pText, std::size_t nSize) {
+        ssize_t nWritten = 0;
+        do {
+            nWritten = ::write(m_Fd.Get(), pText, nSize);
+        } while (nWritten < 0 && errno == EINTR);
+        return static_cast<std::size_t>(std::max<ssize_t>(nWritten, 0));
+    }
+
     CUniqueFd m_Fd;
-    CMutex m_Mutex;
+    CMutex m_Mutex;  // those who have to write on
 };
 
 int Severity(int nLevel) {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "VokEmp.h"
+#include "rpc/CallOnce.h"
 
 namespace vok::bench {
 namespace {
@@ -141,8 +142,9 @@ void CXinetd::AwaitListening() const {
 nanoseconds CXinetd::FirstAnswer() {
     std::string strAnswer;
     const auto begin = steady_clock::now();
-    const auto spTransport =
-        std::make_shared<TBufferedTransport>(std::make_shared<TSocket>("127.0.0.1", m_nPort));
+    // Connected as the broker's clients here are: a numeric address needs no resolver.
+    const auto spTransport = std::make_shared<TBufferedTransport>(
+        vok::MakeRpcSocket({vok::kBrokerAddress, m_nPort, {}, 0}));
     VokEmpClient emp{std::make_shared<TBinaryProtocol>(spTransport)};
     try {
         spTransport->open();

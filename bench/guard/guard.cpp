@@ -21,6 +21,7 @@
 #include "VokBroker.h"
 #include "bench/support/CBrokerStage.h"
 #include "platform/Log.h"
+#include "rpc/BrokerProcessor.h"
 #include "rpc/CRpcServer.h"
 #include "rpc/CallOnce.h"
 #include "tests/support/CFakeEmp.h"
@@ -72,7 +73,7 @@ private:
 class CMemoryConnection {
 public:
     explicit CMemoryConnection(CBroker& broker)
-        : m_Processor(std::shared_ptr<VokBrokerIf>(std::shared_ptr<void>{}, &broker)),
+        : m_pProcessor(MakeBrokerProcessor({std::shared_ptr<void>{}, &broker})),
           m_pReader(Served(m_pRequest)),
           m_pWriter(Served(m_pAnswer)),
           m_Client(std::make_shared<TBinaryProtocol>(m_pAnswer),
@@ -86,7 +87,7 @@ public:
         send(m_Client);
         {
             const CCounting counting{bCount};
-            Expect(m_Processor.process(m_pReader, m_pWriter, nullptr), "process");
+            Expect(m_pProcessor->process(m_pReader, m_pWriter, nullptr), "process");
         }
         receive(m_Client);
     }
@@ -99,7 +100,7 @@ private:
 
     const std::shared_ptr<TMemoryBuffer> m_pRequest = std::make_shared<TMemoryBuffer>();
     const std::shared_ptr<TMemoryBuffer> m_pAnswer = std::make_shared<TMemoryBuffer>();
-    VokBrokerProcessorT<CServerProtocol> m_Processor;
+    const std::shared_ptr<apache::thrift::TProcessor> m_pProcessor;
     const std::shared_ptr<TProtocol> m_pReader;
     const std::shared_ptr<TProtocol> m_pWriter;
     VokBrokerClient m_Client;

@@ -113,9 +113,10 @@ run_guard() {
   fi
   if ! grep -Fqx "built with: $built" "$ceilings"; then
     sed 's/^/  /' "${counts[0]}"
-    echo "The ceilings are for another build and judge nothing here:"
-    grep '^built with: ' "$ceilings"
-    return 0
+    echo "The ceilings are for another build, and judge nothing here:" >&2
+    grep '^built with: ' "$ceilings" >&2
+    echo "When it is the one to come: scripts/test guard --update" >&2
+    return 1
   fi
   guard_judge "${counts[0]}" "$ceilings" && return
   echo "An operation costs more than its ceiling in bench/guard/ceilings.txt allows. Where it goes:" >&2

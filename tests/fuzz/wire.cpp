@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "rpc/BrokerProcessor.h"
 #include "rpc/CRpcServer.h"
 #include "tests/fuzz/support/CStage.h"
 #include "tests/fuzz/support/Target.h"
@@ -53,7 +54,7 @@ private:
 
 std::shared_ptr<apache::thrift::TProcessor> MakeProcessor(CStage& stage, bool bAdmin) {
     if (bAdmin) return std::make_shared<admin::VokBrokerAdminProcessor>(stage.AdminService());
-    return std::make_shared<VokBrokerProcessor>(stage.Service());
+    return MakeBrokerProcessor(stage.Service());
 }
 
 /// Whatever a client sends, what it gets are whole messages.
