@@ -59,6 +59,13 @@ public:
 
     void GetState(admin::BrokerState& _return) override { m_Broker.GetState(_return); }
 
+    void Where(admin::Whereabouts& _return, const std::string& empName) override {
+        if (empName.empty()) throw BadRequest("Where is what? The EMP's name is empty.");
+        m_Broker.GetWhereabouts(empName, _return);
+    }
+
+    void GetOpens(std::vector<admin::OpenTimes>& _return) override { m_Broker.GetOpens(_return); }
+
 private:
     CBroker& m_Broker;
 };

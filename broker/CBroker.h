@@ -10,7 +10,7 @@
 ///
 ///     m_mtxMapEmp         mounts and their counts; held across mount and unmount
 ///       m_mtxMountCount   one count's update, inside a close
-///       m_mtxTicket       tickets
+///       m_mtxTicket       tickets, and the opens that have ended
 ///     m_mtxRegisterEmp    register launchers
 ///     m_mtxGroupingEmp    grouping processes
 ///         the locks inside m_EmpInfo and m_ConnectionDB: innermost
@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "VokBroker.h"
+#include "broker/COpenHistory.h"
 #include "broker/Export.h"
 #include "broker/Types.h"
 #include "platform/CMutex.h"
@@ -51,6 +52,8 @@ class BrokerState;
 class ConnectionState;
 class EmpState;
 class MountState;
+class OpenTimes;
+class Whereabouts;
 }  // namespace admin
 
 /// Which EMPs the launchers serve: (launcher name, launcher port) to EMP names.
@@ -233,6 +236,10 @@ public:
 
     /// What the broker knows: each table as it is at one moment. Waits for a mount under way.
     void GetState(admin::BrokerState& state);
+    /// Where an EMP lives, why, and what serves it: for any name. Waits for a mount under way.
+    void GetWhereabouts(const std::string& strEmp, admin::Whereabouts& whereabouts);
+    /// The opens that ended last, the newest first.
+    void GetOpens(std::vector<admin::OpenTimes>& opens);
 
     /// Makes the record that stands for a failed open. `serial` and `ip` stay.
     static void SetInvalidConnectionInfo(ConnectionInfo& info);
@@ -318,6 +325,14 @@ private:
     void DescribeConnections(std::vector<admin::ConnectionState>& connections);
     void DescribeMounts(std::vector<admin::MountState>& mounts);
 
+    // The parts of GetWhereabouts.
+    std::string DescribeHosts(const std::string& strEmp, admin::Whereabouts& whereabouts);
+    void DescribeFiles(const std::string& strEmp, const std::string& strImage,
+                       admin::Whereabouts& whereabouts);
+    void DescribeServers(const std::string& strEmp, admin::Whereabouts& whereabouts);
+    void FindReporters(std::map<std::string, ProcessId>& processes);
+    void DescribeMountOf(const std::string& strImage, admin::Whereabouts& whereabouts);
+
     /// Runs `pBody` on a detached thread that holds the broker in use. False when there is none.
     bool LaunchThread(const char* szName, void (*pBody)(CBroker&));
     struct ThreadStart;
@@ -370,6 +385,8 @@ private:
     std::shared_ptr<CAdminServer> m_spAdminServer;  // made once, before the broker is ready
 
     BrokerCounters m_Counters;
+    /// By the tickets' lock, which an open that has a ticket takes anyway when it ends.
+    COpenHistory m_OpenHistory VOK_GUARDED_BY(m_mtxTicket);
     const std::chrono::steady_clock::time_point m_Born = std::chrono::steady_clock::now();
     /// Detached threads that work on the broker. A stop ends each, once the call to a peer that it
     /// is in has ended.

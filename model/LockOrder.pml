@@ -9,7 +9,8 @@
  *                (broker/Execute.cpp, open/StopEmp.cpp, open/ImageMount.cpp)
  *   Remove       CBroker::RemoveLauncherInfo (supervision/LauncherRegistry.cpp)
  *   Register     UnRegisterEMP, RegisterEMP and AddLauncherInfo (there as well)
- *   Query        CBroker::GetState (supervision/BrokerState.cpp)
+ *   Query        CBroker::GetState (supervision/BrokerState.cpp); GetWhereabouts and GetOpens take
+ *                some of the same locks, never one inside another
  *   GroupReport  CBroker::ConfirmGroupingEmpServer (open/LauncherHandOff.cpp)
  *
  * What holds: nobody blocks for ever. Besides, whoever calls a peer, waits for a report or for a

@@ -30,7 +30,9 @@ public:
           m_strClientPort(strClientPort),
           m_strEmp(strEmp),
           m_strVersion(strVersion),
-          m_strAppInfo(strAppInfo) {}
+          m_strAppInfo(strAppInfo) {
+        m_Trace.begin = OpenTrace::Now();
+    }
 
     /// Never throws.
     void Run();
@@ -72,7 +74,10 @@ private:
     void UnmountImageWithoutProgram();
     void GiveBackMount();
     bool UnmountImage();
-    void FinishTicket();
+    void CountFailure();
+    void Finish();
+    void FinishTicket() VOK_REQUIRES(m_Broker.m_mtxTicket);
+    void Remember() VOK_REQUIRES(m_Broker.m_mtxTicket);
 
     CBroker& m_Broker;
     ConnectionInfo& m_Result;
@@ -81,6 +86,7 @@ private:
     const std::string& m_strVersion;
     const std::string& m_strAppInfo;
 
+    OpenTrace m_Trace{};
     eEmpLocation m_Location = EMPLOCATION_UNKNOWN;
     std::string m_strGroup;  // the grouping process, when it hosts the EMP
     boost::shared_ptr<Ticket> m_spTicket;
@@ -102,17 +108,17 @@ void CBroker::OpenEmp(ConnectionInfo& _return, const std::string& clientPort,
 }
 
 void COpenOperation::Run() {
-    const ScopeGuard finishTicket{[this] { FinishTicket(); }};
+    const ScopeGuard finish{[this] { Finish(); }};
     try {
         RunOrUndo();
     } catch (const std::bad_alloc&) {
         // Memory may be back for the next open, which must find no record that blocks the EMP.
-        ++m_Broker.m_Counters.nFailures;
+        CountFailure();
         GiveBack();
         OPEN_LOG(LEVEL_ERROR, "UNEXPECTED ERROR OCCURED, EMP:[%s].", m_strEmp.c_str());
     } catch (...) {
         // An unknown failure leaves an unknown state: undoing might take what another open needs.
-        ++m_Broker.m_Counters.nFailures;
+        CountFailure();
         OPEN_LOG(LEVEL_ERROR, "UNEXPECTED ERROR OCCURED, EMP:[%s].", m_strEmp.c_str());
     }
 }
@@ -123,7 +129,7 @@ void COpenOperation::RunOrUndo() {
         if (!RunSteps()) ++m_Broker.m_Counters.nRefusals;
     } catch (const std::string& strReason) {
         Undo(strReason);
-        ++m_Broker.m_Counters.nFailures;
+        CountFailure();
     }
 }
 
@@ -134,6 +140,8 @@ bool COpenOperation::RunSteps() {
     if (!Locate()) return false;
     IssueTicket();
     if (!ChooseServer()) return Refuse();
+    // Not for a server that runs: it is found in no time, and each look at the clock would show.
+    if (!m_bReuse) m_Trace.located = OpenTrace::Now();
     RaiseMountCount();
     if (!CheckEmpStatus()) return Refuse();
     if (m_bReuse)
@@ -141,6 +149,7 @@ bool COpenOperation::RunSteps() {
     else
         StartAndAwaitReport();  // throws the reason as text
     Succeed();
+    m_Trace.eOutcome = m_bReuse ? OPEN_REUSED : OPEN_STARTED;
     return true;
 }
 
@@ -298,6 +307,7 @@ void COpenOperation::MountImage() {
                  strMountPoint.c_str());
         return;
     }
+    m_Trace.mounted = OpenTrace::Now();
     forgetEntry.Dismiss();
     it->second = 1;
     m_bMounted = true;
@@ -355,8 +365,10 @@ void COpenOperation::StartAndAwaitReport() {
     ForkEmpParams params;
     FillParams(params, strProgram);
     if (!m_Broker.StartEmp(m_strEmp, &params, m_Location)) throw std::string("Start Emp failed");
+    m_Trace.started = OpenTrace::Now();
 
     AwaitReport();
+    m_Trace.reported = OpenTrace::Now();
     KeepReport();
     OPEN_LOG(LEVEL_DETAIL, "GetOption strOption [%s]", m_strOption.c_str());
 }
@@ -549,12 +561,30 @@ bool COpenOperation::UnmountImage() {
     return true;
 }
 
+void COpenOperation::CountFailure() {
+    ++m_Broker.m_Counters.nFailures;
+    m_Trace.eOutcome = OPEN_FAILED;
+}
+
+/// The answer is ready, whatever it says. Nothing here needs memory.
+void COpenOperation::Finish() {
+    m_Trace.answered = OpenTrace::Now();
+    const CLock lock{m_Broker.m_mtxTicket};
+    FinishTicket();
+    Remember();
+}
+
 /// The ticket of a successful open stays for late reports, but may be pruned from now on.
 void COpenOperation::FinishTicket() {
     if (!m_spTicket) return;
-    const CLock lock{m_Broker.m_mtxTicket};
     m_spTicket->m_bInProgress = false;
     m_spTicket->m_bAwaitsReport = false;
+}
+
+void COpenOperation::Remember() {
+    m_Trace.nSerial = m_spTicket ? std::int64_t{m_spTicket->GetSerial()} : -1;
+    m_Trace.location = m_Location;
+    m_Broker.m_OpenHistory.Add(m_Trace, m_strEmp, m_strClientPort);
 }
 
 }  // namespace vok

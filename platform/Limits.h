@@ -61,6 +61,9 @@ inline constexpr int kStatusLogEvery = 200;
 /// Tickets kept at most, waiting ones excepted.
 inline constexpr std::size_t kMaxTickets = 4096;
 
+/// How many opens that have ended are remembered: a power of two, by which each is numbered.
+inline constexpr std::size_t kKeptOpens = 256;
+
 /// How long a stop of an EMP waits for its process to end before the image is unmounted.
 inline constexpr std::chrono::milliseconds kEmpExitWait{2000};
 

@@ -130,7 +130,11 @@ bool Umount(const std::string& strMountPoint) {
 
 bool IsImgMounted(const std::string& strEmp) {
     if (!paths::IsFileName(strEmp)) return false;
-    return FindMount(Canonical(paths::MountPoint(strEmp))).has_value();
+    return MountedOn(paths::MountPoint(strEmp)).has_value();
+}
+
+std::optional<MountEntry> MountedOn(const std::string& strMountPoint) {
+    return FindMount(Canonical(strMountPoint));
 }
 
 }  // namespace vok

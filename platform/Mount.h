@@ -1,7 +1,10 @@
 /// Mounting of images, under the framework's names.
 #pragma once
 
+#include <optional>
 #include <string>
+
+#include "platform/MountInfo.h"
 
 namespace vok {
 
@@ -19,5 +22,8 @@ bool Umount(const std::string& strMountPoint);
 
 /// True when something is mounted on the mount point of the EMP `strEmp`.
 bool IsImgMounted(const std::string& strEmp);
+
+/// What the kernel has mounted on `strMountPoint`, which may lead there by links.
+std::optional<MountEntry> MountedOn(const std::string& strMountPoint);
 
 }  // namespace vok

@@ -9,6 +9,7 @@
 
 #include "platform/CLogger.h"
 #include "platform/CVokCondition.h"
+#include "platform/MountInfo.h"
 #include "platform/NodeAttributes.h"
 #include "platform/Process.h"
 
@@ -21,6 +22,7 @@ struct IMounter {
     virtual bool Mount(const std::string& strImageFile, const std::string& strMountPoint) = 0;
     virtual bool Umount(const std::string& strMountPoint) = 0;
     virtual bool IsImgMounted(const std::string& strEmp) = 0;
+    virtual std::optional<MountEntry> MountedOn(const std::string& strMountPoint) = 0;
 };
 
 /// Looks at files and changes the few that are the broker's. Implementations are thread-safe and
@@ -47,7 +49,8 @@ struct IFiles {
     virtual bool Remove(const char* szPath) = 0;
 };
 
-/// Starts and ends processes; see Process.h. Implementations are thread-safe and never throw.
+/// Starts and ends processes; see Process.h. Implementations are thread-safe and never throw, where
+/// nothing else is said.
 struct IProcesses {
     virtual ~IProcesses() = default;
     virtual ForkResult ForkAndExec(const ExecRequest& request) = 0;
@@ -55,6 +58,8 @@ struct IProcesses {
     virtual ProcessId Identify(pid_t nPid) = 0;
     virtual bool Signal(const ProcessId& process, int nSignal) = 0;
     virtual bool AwaitEnd(const ProcessId& process, std::chrono::milliseconds wait) = 0;
+    /// Throws std::bad_alloc.
+    virtual std::string ProgramOf(const ProcessId& process) = 0;
 };
 
 struct IClock {

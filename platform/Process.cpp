@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -316,6 +317,16 @@ bool AwaitProcessEnd(const ProcessId& process, std::chrono::milliseconds wait) {
             std::this_thread::sleep_for(std::min(kEndPoll, std::chrono::milliseconds(nLeft)));
         }
     }
+}
+
+std::string ProgramOf(const ProcessId& process) {
+    char szLink[32];
+    std::snprintf(szLink, sizeof szLink, "/proc/%d/exe", static_cast<int>(process.nPid));
+    char buffer[PATH_MAX];
+    const ssize_t nSize = ::readlink(szLink, buffer, sizeof buffer);
+    // The link first: what it says of a pid holds for this process if that runs even now.
+    if (nSize <= 0 || LifeOf(process) != eLife::Running) return {};
+    return {buffer, static_cast<std::size_t>(nSize)};
 }
 
 void RememberSignalActions() {

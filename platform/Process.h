@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <string>
 
 namespace vok {
 
@@ -26,6 +27,11 @@ bool SignalProcess(const ProcessId& process, int nSignal);
 
 /// Waits until this process has ended, at most `wait`. A zombie has ended. True when it has.
 bool AwaitProcessEnd(const ProcessId& process, std::chrono::milliseconds wait);
+
+/// The path of the program that this process runs, as the kernel tells it: one that has been
+/// deleted since has " (deleted)" behind it. Empty when it has ended or cannot be looked at, or its
+/// start time is not known.
+std::string ProgramOf(const ProcessId& process);
 
 /// What execve(2) needs, all of it ready before the fork: the child borrows the parent's memory and
 /// does nothing but make system calls.

@@ -21,8 +21,8 @@ int CConnectionDB::Return(int nPort) {
 VOK_TSA(no_thread_safety_analysis) void CConnectionDB::PrintAll() {
     for (const auto& [key, data] : m_mapConnection) {
         VOK_LOG(LEVEL_DETAIL, "name:[%s], empPort:[%s]", key.first.c_str(), key.second.c_str());
-        for (const std::string& strClientPort : data.m_setClientPort)
-            VOK_LOG(LEVEL_DETAIL, ", clientPort:[%s] ", strClientPort.c_str());
+        for (const auto& client : data.m_mapClient)
+            VOK_LOG(LEVEL_DETAIL, ", clientPort:[%s] ", client.first.c_str());
         VOK_LOG(LEVEL_DETAIL, "-------------------");
     }
 }
@@ -74,8 +74,12 @@ ConnectionMap CConnectionDB::GetConnectionDB() {
 
 std::set<std::string> CConnectionDB::GetClientPortNumList(ConnectionKey key) {
     const CLock lock{m_mtxConnection};
+    std::set<std::string> setClientPort;
     const auto it = m_mapConnection.find(key);
-    return it == m_mapConnection.end() ? std::set<std::string>{} : it->second.m_setClientPort;
+    if (it == m_mapConnection.end()) return setClientPort;
+    for (const auto& client : it->second.m_mapClient)
+        setClientPort.insert(setClientPort.end(), client.first);
+    return setClientPort;
 }
 
 bool CConnectionDB::AddConnectionData(ConnectionKey key, std::string strClientPort) {
@@ -92,13 +96,13 @@ bool CConnectionDB::AddClient(const std::string& strName, const std::string& str
         const auto it = m_mapConnection.lower_bound(key);
         if (it == m_mapConnection.end() || it->first != key) {
             struct_conn_DB_Data_DB data;
-            data.m_setClientPort.insert(strClientPort);
+            data.m_mapClient.emplace(strClientPort, CCoarseClock::now());
             m_itLast = m_mapConnection.emplace_hint(it, std::move(key), std::move(data));
             return true;
         }
         m_itLast = it;
     }
-    if (!m_itLast->second.m_setClientPort.insert(strClientPort).second) {
+    if (!m_itLast->second.m_mapClient.try_emplace(strClientPort, CCoarseClock::now()).second) {
         VOK_LOG_AS("AddConnectionData", LEVEL_ERROR, "[%s][%s] is already in DB.. cannot add",
                    strName.c_str(), strPort.c_str());
         return false;
@@ -119,7 +123,7 @@ bool CConnectionDB::RemoveClient(const ConnectionKey& key, const std::string& st
                    strClientPort.c_str(), key.first.c_str(), key.second.c_str());
         return false;
     }
-    if (it->second.m_setClientPort.erase(strClientPort) == 0) {
+    if (it->second.m_mapClient.erase(strClientPort) == 0) {
         VOK_LOG_AS("RemoveClientPortFromConnDB", LEVEL_ERROR,
                    "the client:[%s] to be removed isn't in the DB.", strClientPort.c_str());
         return false;
@@ -140,13 +144,13 @@ bool CConnectionDB::RemoveConnection(const ConnectionKey& key, const std::string
                    key.second.c_str(), strClientPort.c_str());
         return false;
     }
-    if (it->second.m_setClientPort.erase(strClientPort) == 0) {
+    if (it->second.m_mapClient.erase(strClientPort) == 0) {
         VOK_LOG_AS("RemoveConnectionData", LEVEL_ERROR,
                    "clientPort:[%s] is not in DB..  cannot remove. The Key is [%s][%s]",
                    strClientPort.c_str(), key.first.c_str(), key.second.c_str());
         return false;
     }
-    if (it->second.m_setClientPort.empty()) Erase(it);
+    if (it->second.m_mapClient.empty()) Erase(it);
     return true;
 }
 
@@ -176,9 +180,7 @@ bool CConnectionDB::ModifyConnectionData(const ConnectionKey& key, eServerType e
         return false;
     }
     if (eType == SERVER_TYPE_CALLBACK) {
-        // In this order: memory that is missing must not cost a client its place.
-        it->second.m_setClientPort.insert(strNewValue);
-        if (strOldValue != strNewValue) it->second.m_setClientPort.erase(strOldValue);
+        RenameClient(it->second.m_mapClient, strOldValue, strNewValue);
     } else if (eType == SERVER_TYPE_EMP) {
         MoveToPort(it, strOldValue, strNewValue);
     } else {
@@ -191,6 +193,15 @@ bool CConnectionDB::ModifyConnectionData(const ConnectionKey& key, eServerType e
     }
     VOK_LOG(LEVEL_DETAIL, "After modify");
     return true;
+}
+
+void CConnectionDB::RenameClient(ClientMap& mapClient, const std::string& strOldPort,
+                                 const std::string& strNewPort) {
+    const auto itOld = mapClient.find(strOldPort);
+    const auto since = itOld == mapClient.end() ? CCoarseClock::now() : itOld->second;
+    // In this order: memory that is missing must not cost a client its place.
+    mapClient.try_emplace(strNewPort, since);
+    if (itOld != mapClient.end() && strOldPort != strNewPort) mapClient.erase(itOld);
 }
 
 void CConnectionDB::MoveToPort(ConnectionMap::iterator it, const std::string& strOldPort,

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/CCoarseClock.h"
 #include "platform/CMutex.h"
 #include "platform/CSocketPorts.h"
 
@@ -18,10 +19,14 @@ using ConnectionKey = std::pair<std::string, std::string>;
 /// What stands for the port of an EMP that has no connection, and of an open that failed.
 inline constexpr char kNoPort[] = "-1";
 
+/// Clients by callback port (ordered by bytes), and since when each is connected.
+using ClientMap = std::map<std::string, CCoarseClock::time_point>;
+
 /// What is kept of one EMP server.
 struct struct_conn_DB_Data_DB {
-    /// The callback ports (decimal text) of its clients.
-    std::set<std::string> m_setClientPort;
+    /// Its clients: their callback ports (decimal text), each with the moment since when it is
+    /// connected.
+    ClientMap m_mapClient;
     /// How many pings in a row it failed to answer.
     int m_nPendingCount = 0;
 };
@@ -66,7 +71,7 @@ public:
     /// Empty for an unknown key.
     std::set<std::string> GetClientPortNumList(ConnectionKey key);
 
-    /// Connects a client. False, and nothing changes, when it is already connected.
+    /// Connects a client, from now on. False, and nothing changes, when it is already connected.
     bool AddConnectionData(ConnectionKey key, std::string strClientPort);
 
     /// A client leaves and the EMP stays alive: the entry stays, also without clients. False when
@@ -88,7 +93,8 @@ public:
     bool RemoveClient(const ConnectionKey& key, const std::string& strClientPort);
     bool RemoveConnection(const ConnectionKey& key, const std::string& strClientPort);
 
-    /// Replaces a port. SERVER_TYPE_CALLBACK: the client `strOldValue` becomes `strNewValue`.
+    /// Replaces a port. SERVER_TYPE_CALLBACK: the client `strOldValue` becomes `strNewValue`, and
+    /// stays connected since it was.
     /// SERVER_TYPE_EMP: the entry moves to the EMP port `strNewValue`, clients and pending count
     /// included; the port that it already has makes it vanish. False for an unknown key or type.
     bool ModifyConnectionData(const ConnectionKey& key, eServerType eType, std::string strOldValue,
@@ -101,6 +107,8 @@ private:
     bool IsLast(const std::string& strName, const std::string& strPort) const
         VOK_REQUIRES(m_mtxConnection);
     bool IsFirstOfItsName(ConnectionMap::iterator it) const VOK_REQUIRES(m_mtxConnection);
+    static void RenameClient(ClientMap& mapClient, const std::string& strOldPort,
+                             const std::string& strNewPort);
     void MoveToPort(ConnectionMap::iterator it, const std::string& strOldPort,
                     const std::string& strNewPort) VOK_REQUIRES(m_mtxConnection);
 

@@ -1,54 +1,17 @@
 // What the broker knows at this moment, for those who look after the set.
-#include <boost/locale/utf.hpp>
+#include <unistd.h>
 
 #include <algorithm>
 
 #include "broker/CBroker.h"
 #include "platform/CVOKDebug.h"
 #include "platform/EmpPaths.h"
+#include "supervision/StateText.h"
 #include "vok_admin_types.h"
 
 namespace vok {
 
 namespace {
-
-/// Names and ports come from peers as any bytes; what leaves as text is UTF-8, as readers expect.
-std::string Text(const std::string& strBytes) {
-    using boost::locale::utf::code_point;
-    using Traits = boost::locale::utf::utf_traits<char>;
-    constexpr char kReplacement[] = "\xef\xbf\xbd";  // U+FFFD, for each byte that is none
-
-    std::string strText;
-    for (auto it = strBytes.begin(); it != strBytes.end();) {
-        const auto start = it;
-        const code_point nCode = Traits::decode(it, strBytes.end());
-        if (nCode == boost::locale::utf::illegal || nCode == boost::locale::utf::incomplete) {
-            strText += kReplacement;
-            it = start + 1;
-        } else {
-            strText.append(start, it);
-        }
-    }
-    return strText;
-}
-
-std::vector<std::string> Texts(const std::set<std::string>& setBytes) {
-    std::vector<std::string> texts;
-    texts.reserve(setBytes.size());
-    for (const std::string& strBytes : setBytes) texts.push_back(Text(strBytes));
-    return texts;
-}
-
-std::vector<admin::LauncherState> Describe(const LauncherTable& table) {
-    std::vector<admin::LauncherState> launchers;
-    for (const auto& [key, setEmp] : table) {
-        admin::LauncherState& launcher = launchers.emplace_back();
-        launcher.name = Text(key.first);
-        launcher.port = Text(key.second);
-        launcher.emps = Texts(setEmp);
-    }
-    return launchers;
-}
 
 bool Serves(const LauncherTable& table, const std::string& strEmp) {
     return std::any_of(table.begin(), table.end(),
@@ -59,6 +22,7 @@ bool Serves(const LauncherTable& table, const std::string& strEmp) {
 
 void CBroker::GetState(admin::BrokerState& state) {
     state.version = GetFullVersion();
+    state.pid = ::getpid();
     state.uptimeMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                          std::chrono::steady_clock::now() - m_Born)
                          .count();
@@ -119,7 +83,7 @@ void CBroker::DescribeConnections(std::vector<admin::ConnectionState>& connectio
         admin::ConnectionState& connection = connections.emplace_back();
         connection.empName = Text(key.first);
         connection.empPort = Text(key.second);
-        connection.clientPorts = Texts(data.m_setClientPort);
+        Describe(data.m_mapClient, connection.clientPorts, connection.clientAgesMs);
         connection.pendingCount = data.m_nPendingCount;
     }
 }

@@ -54,7 +54,8 @@ int CBroker::CloseAllEmpWithAppID(std::string strAppId, std::string strWidgetId)
         (void)LookAt("CloseAllEmpWithAppID", key.first, [&, &strEmp = key.first] {
             return spProxy->SetIP(GetEmpIP(WhereIsEMP(strEmp)));
         });
-        for (const std::string& strClientPort : data.m_setClientPort) {
+        for (const auto& client : data.m_mapClient) {
+            const std::string& strClientPort = client.first;
             const bool bClosed = LookAt("CloseAllEmpWithAppID", strClientPort, [&, &key = key] {
                 return CloseOfApplication(*spProxy, MakeConnectionInfo(key, strClientPort),
                                           strAppId, strWidgetId);
@@ -103,7 +104,8 @@ int CBroker::SweepZombies() {
     for (const auto& [key, data] : m_ConnectionDB.GetConnectionDB()) {
         SWEEP_LOG(LEVEL_TRACE, "test zombie ID[%s] EmpPort/Path:[%s]", key.first.c_str(),
                   key.second.c_str());
-        for (const std::string& strClientPort : data.m_setClientPort) {
+        for (const auto& client : data.m_mapClient) {
+            const std::string& strClientPort = client.first;
             SWEEP_LOG(LEVEL_TRACE, "\ttest zombie ClientPort[%s]", strClientPort.c_str());
             const bool bClosed = LookAt("PingTest_For_Webkit", strClientPort, [&, &key = key] {
                 return CloseIfZombie(*spEmpProxy, MakeConnectionInfo(key, strClientPort));

@@ -47,7 +47,8 @@ void CBroker::SendDebugLevelToEmps(const std::string& strLevel) {
 /// A client hears it once for each of its connections.
 void CBroker::SendDebugLevelToClients(const std::string& strLevel) {
     for (const auto& [key, data] : m_ConnectionDB.GetConnectionDB()) {
-        for (const std::string& strClientPort : data.m_setClientPort) {
+        for (const auto& client : data.m_mapClient) {
+            const std::string& strClientPort = client.first;
             LEVEL_LOG(LEVEL_DETAIL, "SET DEBUGGING ClientPort[%s], cmd:[%s] loglevel:[%s]",
                       strClientPort.c_str(), kLevelOnParam2, strLevel.c_str());
             const auto spClient = MakeClientProxy(GetProcessIP(PROCESSTYPE_CLIENT), strClientPort);

@@ -27,6 +27,9 @@ public:
     }
     bool Umount(const std::string& strMountPoint) override { return vok::Umount(strMountPoint); }
     bool IsImgMounted(const std::string& strEmp) override { return vok::IsImgMounted(strEmp); }
+    std::optional<MountEntry> MountedOn(const std::string& strMountPoint) override {
+        return vok::MountedOn(strMountPoint);
+    }
 };
 
 class CLinuxFiles : public IFiles {
@@ -94,6 +97,7 @@ public:
     bool AwaitEnd(const ProcessId& process, std::chrono::milliseconds wait) override {
         return AwaitProcessEnd(process, wait);
     }
+    std::string ProgramOf(const ProcessId& process) override { return vok::ProgramOf(process); }
 };
 
 class CLinuxClock : public IClock {

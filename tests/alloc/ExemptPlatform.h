@@ -37,6 +37,10 @@ public:
         const CExempt exempt;
         return m_Mounter.IsImgMounted(strEmp);
     }
+    std::optional<MountEntry> MountedOn(const std::string& strMountPoint) override {
+        const CExempt exempt;
+        return m_Mounter.MountedOn(strMountPoint);
+    }
 
 private:
     IMounter& m_Mounter;
@@ -109,6 +113,10 @@ public:
     bool AwaitEnd(const ProcessId& process, std::chrono::milliseconds wait) override {
         const CExempt exempt;
         return m_Processes.AwaitEnd(process, wait);
+    }
+    std::string ProgramOf(const ProcessId& process) override {
+        const CExempt exempt;
+        return m_Processes.ProgramOf(process);
     }
 
 private:

@@ -123,7 +123,7 @@ std::string Stage::Tables() {
              << info.GetEmpPid() << '\n';
     for (const auto& [key, data] : ConnectionDB().GetConnectionDB()) {
         text << "connection " << key.first << ' ' << key.second << ' ' << data.m_nPendingCount;
-        for (const std::string& strClient : data.m_setClientPort) text << ' ' << strClient;
+        for (const auto& client : data.m_mapClient) text << ' ' << client.first;
         text << '\n';
     }
     for (const auto& [strImage, nCount] : BrokerProbe::MountCounts(broker))

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <future>
 
+#include "platform/MountInfo.h"
 #include "tests/daemon/OpenCloseTest.h"
 #include "tests/support/CAdminClient.h"
 #include "tests/support/CFakeClient.h"
@@ -216,7 +217,8 @@ MATCHER_P5(IsEmp, strName, nStatus, strOption, nPid, nLocation, "") {
 MATCHER_P3(IsConnection, strEmp, strPort, clients, "") {
     *result_listener << arg.empName << ' ' << arg.empPort << ' ' << arg.clientPorts.size();
     return arg.empName == strEmp && arg.empPort == strPort && arg.pendingCount == 0 &&
-           arg.clientPorts == std::vector<std::string>(clients);
+           arg.clientPorts == std::vector<std::string>(clients) &&
+           arg.clientAgesMs.size() == arg.clientPorts.size();
 }
 
 MATCHER_P5(Counts, nOpens, nReuses, nRefusals, nFailures, nCloses, "") {
@@ -235,6 +237,7 @@ TEST_F(Admin, FreshBrokerKnowsNothing) {
     const admin::BrokerState state = m_Admin.GetState();
 
     EXPECT_EQ(state.version, "5.100");
+    EXPECT_EQ(state.pid, m_Daemon.Pid());
     EXPECT_GE(state.uptimeMs, 0);
     EXPECT_EQ(state.debugLevel, 4);
     EXPECT_FALSE(state.pingEnabled);
@@ -341,6 +344,177 @@ TEST_F(Admin, TellsLaunchersAndTheirEmps) {
     EXPECT_EQ(launchers[0].name, "Launcher");
     EXPECT_EQ(launchers[0].port, "40100");
     EXPECT_THAT(launchers[0].emps, ElementsAre("Weather"));
+}
+
+TEST_F(Admin, TellsHowLongClientsAreConnected) {
+    CEmpInstaller::Preinstall("Shared");
+    ASSERT_THAT(OpenEmp("Shared", kOtherClient), IsConnected());
+    const auto ages = [this] { return m_Admin.GetState().connections.at(0).clientAgesMs; };
+    ASSERT_TRUE(CDaemon::Await([&] { return ages().at(0) > 0; }));
+    const std::int64_t nBefore = ages().at(0);
+    ASSERT_THAT(OpenEmp("Shared", kClient), IsConnected());
+
+    const std::vector<std::int64_t> after = ages();
+    ASSERT_THAT(after, SizeIs(2));
+    EXPECT_GE(after[0], 0);
+    EXPECT_GE(after[1], after[0] + nBefore);
+}
+
+// ---- Where an EMP lives -------------------------------------------------------------------------
+
+/// "<role>" of what is there, in order.
+std::vector<std::string> ThoseThere(const admin::Whereabouts& whereabouts) {
+    std::vector<std::string> roles;
+    for (const admin::FileState& file : whereabouts.files) {
+        EXPECT_EQ(file.exists, fs::exists(file.path)) << file.path;
+        if (file.exists) roles.push_back(file.role);
+    }
+    return roles;
+}
+
+TEST_F(Admin, WhereFollowsAProgramThroughItsLife) {
+    CEmpInstaller::Preinstall("Shared");
+    const admin::Whereabouts before = m_Admin.Where("Shared");
+    const ConnectionInfo info = OpenEmp("Shared");
+    ASSERT_THAT(info, IsConnected());
+    const admin::Whereabouts open = m_Admin.Where("Shared");
+
+    EXPECT_EQ(before.location, 2);
+    EXPECT_THAT(ThoseThere(before), ElementsAre("preinstalled program"));
+    EXPECT_EQ(before.status, 0);
+    EXPECT_THAT(before.servers, IsEmpty());
+    EXPECT_EQ(before.mountPoint, "");
+
+    const std::string strProgram = CEmpInstaller::ProgramPath("Shared");
+    EXPECT_EQ(open.files.at(1).path, strProgram);
+    EXPECT_EQ(open.status, 2);
+    EXPECT_EQ(open.option, "0001");
+    ASSERT_THAT(open.servers, SizeIs(1));
+    EXPECT_EQ(open.servers[0].port, info.empPort);
+    EXPECT_THAT(ProcessesOf(strProgram), ElementsAre(open.servers[0].pid));
+    EXPECT_EQ(open.servers[0].program, strProgram);
+    EXPECT_THAT(open.servers[0].clientPorts, ElementsAre(kClient));
+    EXPECT_THAT(open.servers[0].clientAgesMs, SizeIs(1));
+
+    CloseEmp(info);
+    Ask(info.empPort, "ReportStop", "0");
+    ASSERT_TRUE(WaitUntilEnded(strProgram));
+    EXPECT_THAT(m_Admin.Where("Shared").servers, IsEmpty());
+}
+
+TEST_F(Admin, WhereTellsServersApart) {
+    CEmpInstaller::Preinstall("Many", CEmpBehaviour().Option("0002"));
+    ASSERT_THAT(OpenEmp("Many", kClient), IsConnected());
+    ASSERT_THAT(OpenEmp("Many", kOtherClient), IsConnected());
+
+    const std::vector<admin::ServerState> servers = m_Admin.Where("Many").servers;
+
+    const std::string strProgram = CEmpInstaller::ProgramPath("Many");
+    ASSERT_THAT(servers, SizeIs(2));
+    EXPECT_THAT(ProcessesOf(strProgram),
+                ::testing::UnorderedElementsAre(servers[0].pid, servers[1].pid));
+    for (const admin::ServerState& server : servers) EXPECT_EQ(server.program, strProgram);
+}
+
+TEST_F(Admin, WhereTellsAMountAsTheKernelDoes) {
+    std::string strReason;
+    if (!CPrivateWorld::MayLoopMount(&strReason)) GTEST_SKIP() << strReason;
+    CEmpInstaller::InstallImage("Image");
+    const admin::Whereabouts before = m_Admin.Where("Image");
+    ASSERT_THAT(OpenEmp("Image"), IsConnected());
+    const admin::Whereabouts open = m_Admin.Where("Image");
+
+    EXPECT_THAT(ThoseThere(open), ElementsAre("image", "downloaded program"));
+    EXPECT_EQ(before.mountPoint, CEmpInstaller::MountPoint("Image"));
+    EXPECT_THAT(before.mount, IsMount("Image", 0, false));
+    EXPECT_EQ(before.mountSource, "");
+    const auto mounted = FindMount(CEmpInstaller::MountPoint("Image"));
+    ASSERT_TRUE(mounted.has_value());
+    EXPECT_THAT(open.mount, IsMount("Image", 1, true));
+    EXPECT_EQ(open.mountPoint, CEmpInstaller::MountPoint("Image"));
+    EXPECT_EQ(open.mountSource, mounted->strSource);
+    EXPECT_EQ(open.fileSystem, mounted->strFileSystem);
+}
+
+TEST_F(Admin, WhereTellsWhoServesIt) {
+    CBrokerClient broker;
+    broker.Execute("1", "__BROKER_CMD_NOTIFY_REGISTEREMP_SERVER", "Launcher", "40100");
+    broker.Execute("", "__BROKER_CMD_NOTIFY_REGISTER_EMP", "Weather", "40100");
+    const admin::Whereabouts weather = m_Admin.Where("Weather");
+    const admin::Whereabouts nowhere = m_Admin.Where("../\xff");
+
+    EXPECT_EQ(weather.location, 5);
+    ASSERT_THAT(weather.launchers, SizeIs(1));
+    EXPECT_EQ(weather.launchers[0].name, "Launcher");
+    EXPECT_THAT(ThoseThere(weather), IsEmpty());
+    EXPECT_EQ(nowhere.empName, "../\xef\xbf\xbd");
+    EXPECT_EQ(nowhere.location, 0);
+    EXPECT_THAT(nowhere.files, IsEmpty());
+    EXPECT_THROW(m_Admin.Where(""), admin::BadRequest);
+}
+
+// ---- The opens that ended last ------------------------------------------------------------------
+
+MATCHER_P4(IsOpen, strEmp, strClient, nLocation, nOutcome, "") {
+    *result_listener << arg.empName << ' ' << arg.clientPort << ' ' << arg.location << ' '
+                     << arg.outcome;
+    return arg.empName == strEmp && arg.clientPort == strClient && arg.location == nLocation &&
+           arg.outcome == nOutcome;
+}
+
+TEST_F(Admin, TellsTheOpensThatEnded) {
+    EXPECT_THAT(m_Admin.GetOpens(), IsEmpty());
+    CEmpInstaller::Preinstall("Shared");
+    CEmpInstaller::Preinstall("Faulty", CEmpBehaviour().Option(""));
+    const ConnectionInfo first = OpenEmp("Shared");
+    const ConnectionInfo second = OpenEmp("Shared", kOtherClient);
+    OpenEmp("Nowhere");
+    OpenEmp("Faulty");
+
+    const std::vector<admin::OpenTimes> opens = m_Admin.GetOpens();
+
+    ASSERT_THAT(opens,
+                ElementsAre(IsOpen("Faulty", kClient, 2, 1), IsOpen("Nowhere", kClient, 0, 0),
+                            IsOpen("Shared", kOtherClient, 2, 2), IsOpen("Shared", kClient, 2, 3)));
+    const admin::OpenTimes& start = opens[3];
+    EXPECT_EQ(start.serial, first.serial);
+    EXPECT_GE(start.locatedUs, 0);
+    EXPECT_EQ(start.mountedUs, -1);
+    EXPECT_GE(start.startedUs, start.locatedUs);
+    EXPECT_GT(start.reportedUs, start.startedUs);
+    EXPECT_GE(start.answeredUs, start.reportedUs);
+    EXPECT_GE(start.agoMs, start.answeredUs / 1000);
+    EXPECT_EQ(opens[2].serial, second.serial);
+    EXPECT_THAT((std::vector{opens[2].locatedUs, opens[2].startedUs, opens[2].reportedUs}),
+                ElementsAre(-1, -1, -1));
+    EXPECT_EQ(opens[1].serial, -1);
+    EXPECT_GE(opens[0].reportedUs, 0);
+}
+
+TEST_F(Admin, TellsWhenAnOpenMountedItsImage) {
+    std::string strReason;
+    if (!CPrivateWorld::MayLoopMount(&strReason)) GTEST_SKIP() << strReason;
+    CEmpInstaller::InstallImage("Image");
+    ASSERT_THAT(OpenEmp("Image"), IsConnected());
+    ASSERT_THAT(OpenEmp("Image", kOtherClient), IsConnected());
+
+    const std::vector<admin::OpenTimes> opens = m_Admin.GetOpens();
+
+    ASSERT_THAT(opens, SizeIs(2));
+    EXPECT_GT(opens[1].mountedUs, opens[1].locatedUs);
+    EXPECT_GT(opens[1].startedUs, opens[1].mountedUs);
+    EXPECT_EQ(opens[0].mountedUs, -1);
+}
+
+TEST_F(Admin, TellsTheLastOpensOnly) {
+    CBrokerClient broker;
+    for (int n = 0; n < 300; ++n) broker.Open(std::to_string(n), "Nowhere", kVersion, kApp);
+
+    const std::vector<admin::OpenTimes> opens = m_Admin.GetOpens();
+
+    ASSERT_THAT(opens, SizeIs(256));
+    EXPECT_EQ(opens.front().clientPort, "299");
+    EXPECT_EQ(opens.back().clientPort, "44");
 }
 
 // ---- What it changes ----------------------------------------------------------------------------

@@ -92,6 +92,12 @@ CALLS = {
     "close-all": line("CloseAll", "App", "Widget", meanwhile=[
         line("answers", "0", "EMP_OWNS_APP_ID"), line("answers", "0")]),
     "get-state": line("GetState"),
+    "where": "\n".join(line("Where", emp) for emp in (
+        "Weather", "Movie", "Player", "Drum", "Sport", "Nowhere", "../Weather", "\xff\xfe", "")),
+    "get-opens": "\n".join([
+        line("OpenEmp", "50700", "Weather", "1.0", "App", meanwhile=[line("GetOpens"), GOOD_REPORT]),
+        line("OpenEmp", "5\xc3", "No\xffwhere" + "\xc3\xa4" * 28, "1.0", "App"),
+        line("GetOpens")]),
     "state-of-odd-names": "\n".join([
         line("Execute", "1", LAUNCHER, "\xff\xfe", "5\xc3"), line("GetState")]),
     "pings": "\n".join([line("a round of pings")] * 6 + [line("GetState")]),
@@ -194,6 +200,8 @@ def wire_seeds():
         "close-all": connection(message("CloseAll", "App", "Widget"), service="A",
                                 meanwhile=[line("answers", "0", "EMP_OWNS_APP_ID")] * 3),
         "get-state": connection(message("GetState"), service="A"),
+        "where": connection(message("Where", "Player"), message("Where", ""), service="A"),
+        "get-opens": connection(message("GetOpens"), service="A"),
     }
     for name, command in COMMANDS.items():
         seeds["command-" + name] = connection(message("Execute", *command),

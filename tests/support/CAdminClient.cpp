@@ -54,4 +54,16 @@ admin::BrokerState CAdminClient::GetState() const {
     return state;
 }
 
+admin::Whereabouts CAdminClient::Where(const std::string& strEmp) const {
+    admin::Whereabouts whereabouts;
+    Call([&](admin::VokBrokerAdminClient& client) { client.Where(whereabouts, strEmp); });
+    return whereabouts;
+}
+
+std::vector<admin::OpenTimes> CAdminClient::GetOpens() const {
+    std::vector<admin::OpenTimes> opens;
+    Call([&](admin::VokBrokerAdminClient& client) { client.GetOpens(opens); });
+    return opens;
+}
+
 }  // namespace vok::test

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "VokBrokerAdmin.h"
 #include "platform/EmpPaths.h"
@@ -25,6 +26,8 @@ public:
     std::int32_t SweepZombies() const;
     std::int32_t CloseAll(const std::string& strAppId, const std::string& strWidgetId = "") const;
     admin::BrokerState GetState() const;
+    admin::Whereabouts Where(const std::string& strEmp) const;
+    std::vector<admin::OpenTimes> GetOpens() const;
 
 private:
     void Call(const std::function<void(admin::VokBrokerAdminClient&)>& call) const;

@@ -48,6 +48,18 @@ void CFakeMounter::FailUmounts(int nTimes) {
     m_nUmountFailures = nTimes;
 }
 
+std::optional<MountEntry> CFakeMounter::MountedOn(const std::string& strMountPoint) {
+    const Guard lock{m_Mutex};
+    const auto it = m_mapEntry.find(strMountPoint);
+    if (it == m_mapEntry.end()) return std::nullopt;
+    return it->second;
+}
+
+void CFakeMounter::SetMountedOn(const std::string& strMountPoint, const MountEntry& entry) {
+    const Guard lock{m_Mutex};
+    m_mapEntry[strMountPoint] = entry;
+}
+
 void CFakeMounter::SetImgMounted(const std::string& strEmp, bool bMounted) {
     const Guard lock{m_Mutex};
     if (bMounted)
@@ -254,6 +266,18 @@ bool CFakeProcesses::AwaitEnd(const ProcessId& process, std::chrono::millisecond
     const Guard lock{m_Mutex};
     Record("AwaitEnd " + std::to_string(process.nPid) + ' ' + std::to_string(wait.count()));
     return true;
+}
+
+std::string CFakeProcesses::ProgramOf(const ProcessId& process) {
+    Attach();
+    const Guard lock{m_Mutex};
+    const auto it = m_mapProgram.find(process.nPid);
+    return it == m_mapProgram.end() || process.nStartTime != m_nStartTime ? "" : it->second;
+}
+
+void CFakeProcesses::SetProgram(pid_t nPid, const std::string& strProgram) {
+    const Guard lock{m_Mutex};
+    m_mapProgram[nPid] = strProgram;
 }
 
 void CFakeProcesses::SetForkResult(const ForkResult& result) {

@@ -26,12 +26,15 @@ public:
     bool Mount(const std::string& strImageFile, const std::string& strMountPoint) override;
     bool Umount(const std::string& strMountPoint) override;
     bool IsImgMounted(const std::string& strEmp) override;
+    std::optional<MountEntry> MountedOn(const std::string& strMountPoint) override;
 
     /// The next `nTimes` calls answer false.
     void FailMounts(int nTimes);
     void FailUmounts(int nTimes);
     /// What IsImgMounted answers; false for everything at first.
     void SetImgMounted(const std::string& strEmp, bool bMounted);
+    /// What MountedOn answers; nothing at first, whatever has been mounted.
+    void SetMountedOn(const std::string& strMountPoint, const MountEntry& entry);
     /// May throw.
     void OnMount(std::function<void()> hook) { m_OnMount = std::move(hook); }
     void OnUmount(std::function<void()> hook) { m_OnUmount = std::move(hook); }
@@ -44,6 +47,7 @@ private:
     int m_nMountFailures = 0;
     int m_nUmountFailures = 0;
     std::set<std::string> m_setMounted;
+    std::map<std::string, MountEntry> m_mapEntry;
     std::vector<std::string> m_Calls;
     std::function<void()> m_OnMount;
     std::function<void()> m_OnUmount;
@@ -111,6 +115,7 @@ public:
     ProcessId Identify(pid_t nPid) override;
     bool Signal(const ProcessId& process, int nSignal) override;
     bool AwaitEnd(const ProcessId& process, std::chrono::milliseconds wait) override;
+    std::string ProgramOf(const ProcessId& process) override;
 
     /// What ForkAndExec answers from now on; with pid -1 and an errno, with pid 0 the next free pid
     /// (kFirstPid, then on) and an errno of execve.
@@ -120,6 +125,8 @@ public:
     void RefuseSignals();
     /// The start time by which processes are recognised; 0: as if none ran.
     void SetStartTime(unsigned long long nStartTime);
+    /// What a pid runs, while processes start as they do now; nothing at first.
+    void SetProgram(pid_t nPid, const std::string& strProgram);
     /// The parent of every process that is identified; 0 at first.
     void SetParentPid(pid_t nParentPid);
     /// Called with every start that did not fail, after the pid has been told.
@@ -154,6 +161,7 @@ private:
     bool m_bRefuseSignals = false;
     unsigned long long m_nStartTime = 4711;
     pid_t m_nParentPid = 0;
+    std::map<pid_t, std::string> m_mapProgram;
     std::size_t m_nSignals = 0;
     std::vector<ForkCall> m_Forks;
     std::vector<std::string> m_Calls;

@@ -143,6 +143,10 @@ TEST_P(MountType, IsFoundOutAndServedReadOnly) {
     ASSERT_TRUE(entry.has_value());
     EXPECT_EQ(entry->strFileSystem, GetParam());
     EXPECT_TRUE(LoopDeviceServes(entry->strSource, strImage));
+    const auto seen = MountedOn("/opt/../" + m_strPoint);
+    ASSERT_TRUE(seen.has_value());
+    EXPECT_EQ(seen->strSource, entry->strSource);
+    EXPECT_FALSE(MountedOn(paths::MountPoint("Clock")).has_value());
     EXPECT_FALSE(std::ofstream(m_strPoint + "/new").is_open());
     struct statvfs info {};
     ASSERT_EQ(::statvfs(m_strPoint.c_str(), &info), 0);

@@ -131,6 +131,18 @@ public:
         m_pHandler->GetState(state);
     }
 
+    void Where(admin::Whereabouts& whereabouts, const std::string& empName) override {
+        const CCall call{m_Stage, "VokBrokerAdmin.Where"};
+        m_pHandler->Where(whereabouts, empName);
+        Require(!empName.empty(), "nothing is told of no name");
+        CheckWhereabouts(whereabouts);
+    }
+
+    void GetOpens(std::vector<admin::OpenTimes>& opens) override {
+        const CCall call{m_Stage, "VokBrokerAdmin.GetOpens"};
+        m_pHandler->GetOpens(opens);
+    }
+
 private:
     CStage& m_Stage;
     const std::shared_ptr<admin::VokBrokerAdminIf> m_pHandler;
@@ -247,6 +259,16 @@ const CStage::Operation CStage::kOperations[] = {
      [](CStage& stage, const auto&) {
          admin::BrokerState state;
          stage.m_pAdminService->GetState(state);
+     }},
+    {"Where",
+     [](CStage& stage, const auto& args) {
+         admin::Whereabouts whereabouts;
+         stage.m_pAdminService->Where(whereabouts, args[0]);
+     }},
+    {"GetOpens",
+     [](CStage& stage, const auto&) {
+         std::vector<admin::OpenTimes> opens;
+         stage.m_pAdminService->GetOpens(opens);
      }},
     // What else happens to a broker.
     {"a round of pings",

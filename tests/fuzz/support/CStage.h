@@ -82,6 +82,8 @@ private:
     void CheckTables();
     void CheckTickets();
     void CheckState();
+    void CheckOpens(std::int64_t nOpens);
+    static void CheckWhereabouts(const admin::Whereabouts& whereabouts);
 
     /// Lines that happen while something else does, and how far they have come.
     struct Meanwhile {

@@ -1,6 +1,8 @@
 // What always holds, whatever the broker's peers do.
 #include <boost/locale/encoding_utf.hpp>
 
+#include <algorithm>
+
 #include "platform/Limits.h"
 #include "tests/fuzz/support/CStage.h"
 #include "tests/fuzz/support/Target.h"
@@ -82,6 +84,8 @@ void CStage::CheckState() {
     for (const auto& connection : state.connections) {
         RequireTexts({connection.empName, connection.empPort});
         RequireTexts(connection.clientPorts);
+        Require(connection.clientAgesMs.size() == connection.clientPorts.size(),
+                "each client has its age");
     }
     for (const auto& mount : state.mounts) RequireTexts({mount.image});
     for (const auto* pTable : {&state.launchers, &state.groups}) {
@@ -102,6 +106,46 @@ void CStage::CheckState() {
     RequireCounted(m_Counters.sweeps, now.sweeps);
     Require(now.reuses + now.refusals + now.failures <= now.opens, "every open ends in one way");
     m_Counters = now;
+    CheckOpens(now.opens);
+}
+
+void CStage::CheckOpens(std::int64_t nOpens) {
+    std::vector<admin::OpenTimes> opens;
+    m_Broker.GetOpens(opens);
+    Require(opens.size() <= kKeptOpens, "so many opens are remembered");
+    const auto nEnded = static_cast<std::int64_t>(opens.size());
+    Require(m_nDepth > 0 || nEnded == std::min<std::int64_t>(nOpens, kKeptOpens),
+            "every open is remembered");
+    for (const admin::OpenTimes& open : opens) {
+        RequireTexts({open.empName, open.clientPort});
+        std::int64_t nLast = 0;
+        for (const std::int64_t nTime :
+             {open.locatedUs, open.mountedUs, open.startedUs, open.reportedUs, open.answeredUs}) {
+            Require(nTime == -1 || nTime >= nLast, "the times of an open never go back");
+            nLast = std::max(nLast, nTime);
+        }
+        Require(open.answeredUs >= 0 && open.agoMs >= open.answeredUs / 1000,
+                "an open that is remembered has been answered");
+        Require(open.outcome >= 0 && open.outcome <= 3, "an open ends in one of four ways");
+        Require(open.outcome < 2 || open.serial > 0, "who is connected had a ticket");
+    }
+}
+
+void CStage::CheckWhereabouts(const admin::Whereabouts& whereabouts) {
+    RequireTexts({whereabouts.empName, whereabouts.option, whereabouts.mount.image,
+                  whereabouts.mountPoint, whereabouts.mountSource, whereabouts.fileSystem});
+    for (const admin::FileState& file : whereabouts.files) RequireTexts({file.path, file.role});
+    for (const auto* pTable : {&whereabouts.launchers, &whereabouts.groups}) {
+        for (const auto& launcher : *pTable) {
+            RequireTexts({launcher.name, launcher.port});
+            RequireTexts(launcher.emps);
+        }
+    }
+    for (const admin::ServerState& server : whereabouts.servers) {
+        RequireTexts({server.port, server.program});
+        RequireTexts(server.clientPorts);
+        Require(server.clientAgesMs.size() == server.clientPorts.size(), "each client has its age");
+    }
 }
 
 }  // namespace vok::test

@@ -521,9 +521,68 @@ TEST_F(AdminServerTest, GetStateTellsEverything) {
     m_Broker.GetState(expected);
     EXPECT_LE(state.uptimeMs, expected.uptimeMs);
     expected.uptimeMs = state.uptimeMs;
+    ASSERT_EQ(state.connections.size(), 1u);
+    EXPECT_LE(state.connections[0].clientAgesMs, expected.connections[0].clientAgesMs);
+    expected.connections[0].clientAgesMs = state.connections[0].clientAgesMs;
     EXPECT_EQ(state, expected);
     EXPECT_EQ(state.emps.size(), 1u);
     EXPECT_EQ(state.counters.opens, 1);
+}
+
+TEST_F(AdminServerTest, WhereTellsEverything) {
+    AddKnown("Weather", "0001", EMP_OPENED);
+    EmpInfo().SetEmpProcess("Weather", {777, 4711});
+    m_Fake.processes.SetProgram(777, "/opt/down/emps/empWeather/empWeather");
+    m_Fake.AddMounted("Weather");
+    m_Fake.mounter.SetMountedOn("/opt/down/emps/empWeather", {"/dev/loop3", "squashfs"});
+    ConnectionDB().AddConnectionData({"Weather", "40123"}, "40001");
+    BrokerProbe::SetMountCount(m_Broker, "Weather", 1);
+    BrokerProbe::SetLauncher(m_Broker, "Launcher", "5000", {"Weather"});
+    BrokerProbe::SetGroup(m_Broker, "Home", "N/A", {"Weather"});
+    Start();
+
+    const admin::Whereabouts whereabouts = m_Client.Where("Weather");
+
+    admin::Whereabouts expected;
+    m_Broker.GetWhereabouts("Weather", expected);
+    ASSERT_EQ(whereabouts.servers.size(), 1u);
+    EXPECT_LE(whereabouts.servers[0].clientAgesMs, expected.servers[0].clientAgesMs);
+    expected.servers[0].clientAgesMs = whereabouts.servers[0].clientAgesMs;
+    EXPECT_EQ(whereabouts, expected);
+    EXPECT_EQ(whereabouts.servers[0].pid, 777);
+    EXPECT_EQ(whereabouts.fileSystem, "squashfs");
+}
+
+TEST_F(AdminServerTest, WhereRefusesNoName) {
+    Start();
+
+    try {
+        (void)m_Client.Where("");
+        FAIL() << "it was accepted";
+    } catch (const admin::BadRequest& e) {
+        EXPECT_EQ(e.message, "Where is what? The EMP's name is empty.");
+    }
+}
+
+TEST_F(AdminServerTest, GetOpensTellsTheNewestFirst) {
+    Start();
+    EXPECT_THAT(m_Client.GetOpens(), IsEmpty());
+    for (const char* szEmp : {"Nowhere", "Broker"}) {
+        ConnectionInfo refused;
+        m_Broker.OpenEmp(refused, "40001", szEmp, "1.0", "app");
+    }
+
+    const std::vector<admin::OpenTimes> opens = m_Client.GetOpens();
+
+    std::vector<admin::OpenTimes> expected;
+    m_Broker.GetOpens(expected);
+    ASSERT_EQ(opens.size(), 2u);
+    for (std::size_t i = 0; i < opens.size(); ++i) {
+        EXPECT_LE(opens[i].agoMs, expected[i].agoMs);
+        expected[i].agoMs = opens[i].agoMs;
+    }
+    EXPECT_EQ(opens, expected);
+    EXPECT_EQ(opens[0].empName, "Broker");
 }
 
 TEST_F(AdminServerTest, ConnectionServesManyCallsAlsoAfterABadOne) {

@@ -97,6 +97,32 @@ TEST(IdentifyProcess, KnowsNoStartTimeOfWhatDoesNotRun) {
     }
 }
 
+TEST(ProgramOf, IsWhatTheKernelSaysItRuns) {
+    const CSleeper sleeper;
+    const std::string strOwn = std::filesystem::read_symlink("/proc/self/exe");
+    EXPECT_EQ(ProgramOf(IdentifyProcess(sleeper.Pid())), strOwn);
+    EXPECT_EQ(ProgramOf(IdentifyProcess(::getpid())), strOwn);
+}
+
+TEST(ProgramOf, OfAnotherProcessWithTheSamePidIsNotTold) {
+    const CSleeper sleeper;
+    ProcessId process = IdentifyProcess(sleeper.Pid());
+    ++process.nStartTime;
+    EXPECT_EQ(ProgramOf(process), "");
+    process.nStartTime = 0;
+    EXPECT_EQ(ProgramOf(process), "");
+}
+
+TEST(ProgramOf, IsNoneForOneThatHasEnded) {
+    CSleeper sleeper;
+    const ProcessId process = IdentifyProcess(sleeper.Pid());
+    sleeper.Kill();
+    sleeper.Reap();
+    EXPECT_EQ(ProgramOf(process), "");
+    EXPECT_EQ(ProgramOf({}), "");
+    EXPECT_EQ(ProgramOf({-1, 1, 0}), "");
+}
+
 TEST(SignalProcess, ReachesTheProcess) {
     CSleeper sleeper;
     EXPECT_TRUE(SignalProcess(IdentifyProcess(sleeper.Pid()), SIGTERM));

@@ -36,9 +36,23 @@ protected:
         return it == map.end() ? -1 : it->second.m_nPendingCount;
     }
 
+    /// The moments of an entry's clients, in their order.
+    std::vector<CCoarseClock::time_point> Since(const ConnectionKey& key) {
+        std::vector<CCoarseClock::time_point> moments;
+        const ConnectionMap connections = m_DB.GetConnectionDB();
+        for (const auto& client : connections.at(key).m_mapClient) moments.push_back(client.second);
+        return moments;
+    }
+
     CLogCapture m_Log;
     CConnectionDB m_DB;
 };
+
+/// Until the clock shows another time than now.
+void AwaitTick() {
+    const auto now = CCoarseClock::now();
+    while (CCoarseClock::now() == now) continue;
+}
 
 TEST_F(CConnectionDBTest, StartsEmpty) {
     EXPECT_THAT(m_DB.GetConnectionDB(), IsEmpty());
@@ -102,6 +116,44 @@ TEST_F(CConnectionDBTest, AddConnectionDataOfAConnectedClientIsRefused) {
                 ElementsAre("3 AddConnectionData: key[Weather][4000]. clientPort:[6001]",
                             "0 AddConnectionData: [Weather][4000] is already in DB.. cannot add"));
     EXPECT_THAT(m_DB.GetClientPortNumList(kWeather), ElementsAre("6001"));
+}
+
+TEST_F(CConnectionDBTest, EachClientIsConnectedSinceItCame) {
+    const auto before = CCoarseClock::now();
+    Connect(kWeather, "6002");
+    const auto between = CCoarseClock::now();
+    AwaitTick();
+    Connect(kWeather, "6001");
+    const auto after = CCoarseClock::now();
+
+    const auto since = Since(kWeather);
+
+    ASSERT_EQ(since.size(), 2u);
+    EXPECT_LE(before, since[1]);
+    EXPECT_LE(since[1], between);
+    EXPECT_LT(between, since[0]);
+    EXPECT_LE(since[0], after);
+}
+
+TEST_F(CConnectionDBTest, ClientThatComesAgainIsConnectedSinceItCameFirst) {
+    Connect(kWeather, "6001");
+    const auto since = Since(kWeather);
+    AwaitTick();
+
+    EXPECT_FALSE(m_DB.AddConnectionData(kWeather, "6001"));
+
+    EXPECT_EQ(Since(kWeather), since);
+}
+
+TEST_F(CConnectionDBTest, ClientThatLeftAndCameAgainIsConnectedSinceThen) {
+    Connect(kWeather, "6001");
+    const auto since = Since(kWeather);
+    AwaitTick();
+
+    ASSERT_TRUE(m_DB.RemoveClientPortFromConnDB(kWeather, "6001"));
+    Connect(kWeather, "6001");
+
+    EXPECT_LT(since[0], Since(kWeather)[0]);
 }
 
 TEST_F(CConnectionDBTest, RemoveConnectionDataErasesTheEntryWithItsLastClient) {
@@ -257,6 +309,42 @@ TEST_F(CConnectionDBTest, ModifyCallbackOfAnUnknownClientAddsTheNewOne) {
     EXPECT_TRUE(m_DB.ModifyConnectionData(kWeather, SERVER_TYPE_CALLBACK, "6009", "6002"));
 
     EXPECT_THAT(m_DB.GetClientPortNumList(kWeather), ElementsAre("6001", "6002"));
+}
+
+TEST_F(CConnectionDBTest, ModifyCallbackKeepsTheClientsTime) {
+    Connect(kWeather, "6001");
+    const auto since = Since(kWeather);
+    AwaitTick();
+
+    EXPECT_TRUE(m_DB.ModifyConnectionData(kWeather, SERVER_TYPE_CALLBACK, "6001", "6001"));
+    EXPECT_EQ(Since(kWeather), since);
+    EXPECT_TRUE(m_DB.ModifyConnectionData(kWeather, SERVER_TYPE_CALLBACK, "6001", "6002"));
+    EXPECT_EQ(Since(kWeather), since);
+    // Who is new is connected from now on.
+    EXPECT_TRUE(m_DB.ModifyConnectionData(kWeather, SERVER_TYPE_CALLBACK, "6009", "6003"));
+    EXPECT_LT(since[0], Since(kWeather).at(1));
+}
+
+TEST_F(CConnectionDBTest, ModifyCallbackToAConnectedClientLeavesThatOne) {
+    Connect(kWeather, "6001");
+    AwaitTick();
+    Connect(kWeather, "6002");
+    const auto since = Since(kWeather);
+
+    EXPECT_TRUE(m_DB.ModifyConnectionData(kWeather, SERVER_TYPE_CALLBACK, "6001", "6002"));
+
+    EXPECT_THAT(m_DB.GetClientPortNumList(kWeather), ElementsAre("6002"));
+    EXPECT_THAT(Since(kWeather), ElementsAre(since[1]));
+}
+
+TEST_F(CConnectionDBTest, ModifyEmpKeepsTheClientsTimes) {
+    Connect(kWeather, "6001");
+    const auto since = Since(kWeather);
+    AwaitTick();
+
+    EXPECT_TRUE(m_DB.ModifyConnectionData(kWeather, SERVER_TYPE_EMP, "4000", "4500"));
+
+    EXPECT_EQ(Since({"Weather", "4500"}), since);
 }
 
 TEST_F(CConnectionDBTest, ModifyEmpMovesClientsAndPendingCount) {

@@ -118,7 +118,10 @@ TEST(CConnectionDB, AnswersAsIfItRememberedNoEntry) {
     }
     const ConnectionMap entries = db.GetConnectionDB();
     ASSERT_EQ(entries.size(), model.size());
-    for (const auto& [key, clients] : model) EXPECT_EQ(entries.at(key).m_setClientPort, clients);
+    for (const auto& [key, clients] : model) {
+        EXPECT_EQ(entries.count(key), 1u);
+        EXPECT_EQ(db.GetClientPortNumList(key), clients);
+    }
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include <boost/make_shared.hpp>
+#include <unistd.h>
 
 #include <limits>
 #include <ostream>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "broker/Globals.h"
@@ -65,6 +67,12 @@ protected:
     admin::BrokerState State() {
         admin::BrokerState state;
         m_Broker.GetState(state);
+        // How old they are depends on the machine.
+        for (admin::ConnectionState& connection : state.connections) {
+            EXPECT_EQ(connection.clientAgesMs.size(), connection.clientPorts.size());
+            for (const std::int64_t nAge : std::exchange(connection.clientAgesMs, {}))
+                EXPECT_GE(nAge, 0);
+        }
         return state;
     }
 
@@ -80,6 +88,7 @@ TEST_F(BrokerStateTest, NewBrokerHasNothingToTell) {
     const admin::BrokerState state = State();
 
     EXPECT_EQ(state.version, "5.100");
+    EXPECT_EQ(state.pid, ::getpid());
     EXPECT_GE(state.uptimeMs, 0);
     EXPECT_EQ(state.debugLevel, LEVEL_DETAIL);
     EXPECT_FALSE(state.pingEnabled);
@@ -137,6 +146,27 @@ TEST_F(BrokerStateTest, ConnectionsAreSortedByEmpThenPort) {
                 ElementsAre(Connection("Clock", "9001", {}, 0),
                             Connection("Weather", "10000", {"/tmp/client", "40002"}, 0),
                             Connection("Weather", "9000", {"40003"}, 2)));
+}
+
+TEST_F(BrokerStateTest, ClientsAreToldWithTheirAge) {
+    using namespace std::chrono_literals;
+    const auto awaitAge = [](CCoarseClock::time_point since) {
+        while (CCoarseClock::now() - since < 2ms) continue;
+    };
+    Connect("Weather", "9000", "40002");
+    awaitAge(CCoarseClock::now());
+    Connect("Weather", "9000", "40001");
+    awaitAge(CCoarseClock::now());
+
+    admin::BrokerState state;
+    m_Broker.GetState(state);
+
+    ASSERT_EQ(state.connections.size(), 1u);
+    const admin::ConnectionState& connection = state.connections[0];
+    EXPECT_THAT(connection.clientPorts, ElementsAre("40001", "40002"));
+    ASSERT_EQ(connection.clientAgesMs.size(), 2u);
+    EXPECT_GE(connection.clientAgesMs[0], 2);
+    EXPECT_GE(connection.clientAgesMs[1], connection.clientAgesMs[0] + 2);
 }
 
 TEST_F(BrokerStateTest, MountsAreToldWithWhatIsThere) {
