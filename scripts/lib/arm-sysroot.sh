@@ -7,7 +7,7 @@
 # What the build links; apt adds what these need. Keep in step with packages_build.
 packages_sysroot=(
   libc6-dev libstdc++-12-dev
-  libthrift-dev libboost-dev libmount-dev libpugixml-dev
+  libthrift-dev libboost-dev libmount-dev libpugixml-dev libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev
 )
 # The suite that the cross compiler's run-time packages are of.
@@ -80,6 +80,46 @@ unpack_packages() {
       return
   done
   relink "$folder"
+}
+
+# make_sysroot_database FOLDER: what dpkg-shlibdeps wants to know about the packages in FOLDER, in
+# FOLDER.dpkg, for DPKG_ADMINDIR. Does nothing when it is of just these packages.
+make_sysroot_database() {
+  local folder=$1 database=$1.dpkg work=$1.apt package
+  if cmp -s "$folder/.packages" "$database/packages"; then return; fi
+
+  rm -rf "$database" "$database.new" "$work"
+  configure_apt "$work" && fetch_packages "$work" || return
+  mkdir -p "$database.new/info" "$database.new/updates" "$database.new/triggers"
+  echo armhf >"$database.new/arch"
+  echo 1 >"$database.new/info/format" # files are named PACKAGE:ARCHITECTURE
+  : >"$database.new/status"
+  for package in "$work/cache/archives"/*.deb; do
+    record_package "$package" "$folder" "$database.new" || return
+  done
+  rm -rf "$work"
+  cp "$folder/.packages" "$database.new/packages"
+  mv "$database.new" "$database"
+}
+
+# record_package PACKAGE FOLDER DATABASE: as if it were installed, with its files in FOLDER.
+record_package() {
+  local package=$1 folder=$2 database=$3 name information
+  name=$(dpkg-deb -f "$package" Package):$(dpkg-deb -f "$package" Architecture)
+  # Of packages that may be installed once only, dpkg knows the files without the architecture.
+  if [[ $(dpkg-deb -f "$package" Multi-Arch) != same ]]; then name=${name%:*}; fi
+  information=$database/info/$name
+  {
+    dpkg-deb -f "$package"
+    printf 'Status: install ok installed\n\n'
+  } >>"$database/status"
+  dpkg-deb --ctrl-tarfile "$package" | tar -x -O ./symbols >"$information.symbols" 2>/dev/null ||
+    rm "$information.symbols"
+  dpkg-deb --ctrl-tarfile "$package" | tar -x -O ./shlibs >"$information.shlibs" 2>/dev/null ||
+    rm "$information.shlibs"
+  # /lib is a link to usr/lib in the finished Debian; what is looked for is named as it was found.
+  dpkg-deb --fsys-tarfile "$package" | tar -t | sed -n "s,^\\./\\(.*[^/]\\)$,$folder/\\1,p" \
+    >"$information.list"
 }
 
 # relink FOLDER: absolute links lead into FOLDER, wherever it is moved to.

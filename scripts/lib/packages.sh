@@ -5,7 +5,7 @@
 packages_build=(
   g++ cmake ninja-build pkg-config
   libthrift-dev thrift-compiler libboost-dev
-  libmount-dev libpugixml-dev
+  libmount-dev libpugixml-dev libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev
 )
 # To run the demo. python3-thrift needs python3-six, and does not say so.
@@ -13,14 +13,14 @@ packages_demo=(
   python3 python3-thrift python3-six squashfs-tools
   iproute2 mount util-linux
 )
-# To run the tests: images to mount, and a private world to do it in.
+# To run the tests: images to mount, a private world to do it in, and what readers of the guides have.
 packages_test=(
   python3 python3-thrift python3-six squashfs-tools erofs-utils e2fsprogs
-  iproute2 mount util-linux procps net-tools spin
+  iproute2 mount util-linux procps net-tools spin make man-db mandoc
 )
 # To build and run the bench, besides those of the tests: what it writes, and what is measured beside
 # the broker.
-packages_bench=(nlohmann-json3-dev libdbus-1-dev libbenchmark-dev dbus-daemon xinetd)
+packages_bench=(libdbus-1-dev libbenchmark-dev dbus-daemon xinetd)
 
 package_is_installed() {
   [[ $(LC_ALL=C dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null) == installed ]]

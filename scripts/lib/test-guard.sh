@@ -3,7 +3,7 @@
 # measured: the counts are the same on a busy machine. To be sourced; "$root" is the top of the tree.
 
 # shellcheck disable=SC2034  # for scripts/test
-packages_guard=(valgrind libdbus-1-dev libbenchmark-dev nlohmann-json3-dev)
+packages_guard=(valgrind libdbus-1-dev libbenchmark-dev)
 
 guard_margin=3         # per cent that an operation may cost more than when its ceiling was written
 guard_spread_permille=5 # that runs may differ by

@@ -8,7 +8,7 @@
 # shellcheck disable=SC2034  # for scripts/test
 packages_lint=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck)
 
-lint_product=(platform registry rpc broker open supervision)
+lint_product=(platform registry rpc broker open supervision ctl)
 
 # run_lint short|long: clang-tidy reads the product; long: the tests and examples as well.
 run_lint() {

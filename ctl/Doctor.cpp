@@ -1,0 +1,184 @@
+#include "ctl/Doctor.h"
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "ctl/AdminClient.h"
+#include "ctl/BrokerClient.h"
+#include "ctl/Commands.h"
+#include "ctl/Failure.h"
+#include "ctl/Table.h"
+#include "ctl/Waits.h"
+#include "platform/CUniqueFd.h"
+#include "platform/EmpPaths.h"
+#include "platform/Limits.h"
+
+namespace vok::ctl {
+
+namespace {
+
+bool IsLoopbackUp() {
+    const CUniqueFd fd{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    ifreq request{};
+    std::strcpy(request.ifr_name, "lo");
+    return fd.IsOpen() && ::ioctl(fd.Get(), SIOCGIFFLAGS, &request) == 0 &&
+           (request.ifr_flags & IFF_UP) != 0;
+}
+
+/// As a broker would ask. The port is bound for a moment and never listened at, which does not keep
+/// a broker that starts just now from it.
+bool IsPortFree() {
+    const CUniqueFd fd{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    const int nOn = 1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(kBrokerPort);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return fd.IsOpen() && ::setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof nOn) == 0 &&
+           ::bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+PortLook LookAtPort(std::chrono::milliseconds patience) {
+    if (IsPortFree()) return {PortLook::Free};
+    try {
+        const std::string strVersion = CBrokerClient{{patience}}.Version();
+        if (!strVersion.empty()) return {PortLook::Broker, strVersion};
+    } catch (const CFailure& failure) {
+        if (failure.Exit() == EXIT_NO_BROKER) return {PortLook::Connection};
+        if (failure.Exit() == EXIT_NO_ANSWER) return {PortLook::Silent};
+    }
+    return {PortLook::Other};
+}
+
+AdminLook LookAtAdmin(std::chrono::milliseconds patience) {
+    struct stat info {};
+    if (::lstat(paths::kAdminSocket, &info) != 0) return {AdminLook::Missing};
+    if (!S_ISSOCK(info.st_mode)) return {AdminLook::NoSocket};
+    try {
+        return {AdminLook::Served, CAdminClient{{patience}}.GetState().pid};
+    } catch (const CFailure& failure) {
+        if (failure.Exit() == EXIT_NEEDS_ROOT) return {AdminLook::Forbidden};
+        if (failure.Exit() == EXIT_NO_ANSWER) return {AdminLook::Silent};
+        return {AdminLook::Refused};
+    }
+}
+
+const char* LevelText(eFinding level) {
+    switch (level) {
+        case eFinding::Ok:
+            return "ok";
+        case eFinding::Warning:
+            return "warning";
+        case eFinding::Problem:
+            return "problem";
+    }
+    return "";
+}
+
+eColour LevelColour(eFinding level) {
+    switch (level) {
+        case eFinding::Ok:
+            return eColour::Green;
+        case eFinding::Warning:
+            return eColour::Yellow;
+        case eFinding::Problem:
+            return eColour::Red;
+    }
+    return eColour::None;
+}
+
+std::int64_t CountOf(const Findings& findings, eFinding level) {
+    return std::count_if(findings.begin(), findings.end(),
+                         [level](const Finding& finding) { return finding.level == level; });
+}
+
+Json ToJson(const Findings& findings) {
+    Json list = Json::array();
+    for (const Finding& finding : findings)
+        list.push_back({{"level", LevelText(finding.level)},
+                        {"check", finding.strCheck},
+                        {"text", finding.strText},
+                        {"cure", finding.strCure}});
+    return {{"findings", std::move(list)},
+            {"warnings", CountOf(findings, eFinding::Warning)},
+            {"problems", CountOf(findings, eFinding::Problem)}};
+}
+
+}  // namespace
+
+Patient ThisMachine(std::chrono::milliseconds patience) {
+    Patient patient;
+    patient.loopbackUp = &IsLoopbackUp;
+    patient.port = [patience] { return LookAtPort(patience); };
+    patient.admin = [patience] { return LookAtAdmin(patience); };
+    utsname names{};
+    if (::uname(&names) == 0) patient.strKernelRelease = names.release;
+    return patient;
+}
+
+Findings Examine(const Patient& patient) {
+    Findings findings;
+    Looks looks;
+    looks.port = patient.port();
+    looks.admin = patient.admin();
+    CheckBroker(patient, looks, findings);
+    CheckFiles(patient, looks, findings);
+    CheckSystem(patient, looks, findings);
+    return findings;
+}
+
+std::string DoctorReport(const Findings& findings, const Style& style) {
+    // Not cut: what is left out could be the cure.
+    Style whole = style;
+    whole.nWidth = 0;
+    CTable table{{{"RESULT"}, {"CHECK"}, {"WHAT IS THERE"}}};
+    for (const Finding& finding : findings) {
+        std::vector<Span> text{{finding.strText}};
+        if (!finding.strCure.empty()) text.push_back({"; cure: " + finding.strCure, eColour::Cyan});
+        table.Add({Cell(LevelText(finding.level), LevelColour(finding.level)), finding.strCheck,
+                   Cell(std::move(text))});
+    }
+    return table.Render(whole) + '\n' +
+           Line(Count(CountOf(findings, eFinding::Problem), "problem", "problems") + ", " +
+                    Count(CountOf(findings, eFinding::Warning), "warning", "warnings"),
+                style);
+}
+
+bool HasProblem(const Findings& findings) {
+    return CountOf(findings, eFinding::Problem) > 0;
+}
+
+std::string ReadSmallFile(const std::string& strPath) {
+    // A FIFO in a file's place shall not make anybody wait.
+    const CUniqueFd fd{::open(strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
+    struct stat info {};
+    if (!fd.IsOpen() || ::fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
+    std::string strText;
+    std::array<char, 4096> piece;
+    ssize_t nRead = 0;
+    while (strText.size() <= kMaxTextFile &&
+           (nRead = ::read(fd.Get(), piece.data(), piece.size())) > 0)
+        strText.append(piece.data(), static_cast<std::size_t>(nRead));
+    return strText;
+}
+
+int RunDoctor(const Options& options, COutput& output) {
+    const Findings findings = Examine(ThisMachine(WaitFor(options).patience));
+    if (options.bJson)
+        output.AddDocument(ToJson(findings));
+    else
+        output.Add(DoctorReport(findings, output.GetStyle()));
+    return HasProblem(findings) ? EXIT_FAILED : EXIT_DONE;
+}
+
+}  // namespace vok::ctl
