@@ -30,3 +30,8 @@ set(ENV{PKG_CONFIG_LIBDIR} "${CMAKE_SYSROOT}/usr/lib/${VOK_ARM_TRIPLET}/pkgconfi
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CMAKE_SYSROOT}")
 
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L "${CMAKE_SYSROOT}")
+
+# Where packages are made: their architecture, and where dpkg-shlibdeps finds what they need.
+set(VOK_DEB_ARCHITECTURE armhf)
+set(VOK_DEB_LIBRARIES "${CMAKE_SYSROOT}/usr/lib/${VOK_ARM_TRIPLET}"
+                      "${CMAKE_SYSROOT}/lib/${VOK_ARM_TRIPLET}")

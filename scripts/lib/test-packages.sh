@@ -1,0 +1,487 @@
+# shellcheck shell=bash disable=SC2154  # $root comes from whoever sources this
+# The Debian packages: built, read by lintian, and installed, started, used, upgraded and purged in a
+# Debian 12 of their own. To be sourced; "$root" is the top of the tree.
+#
+# That Debian is a debootstrap in a folder, entered with mounts, processes, network and host name of
+# its own. In one of them nothing runs but what is started by hand; in the other, systemd is process 1.
+
+# shellcheck source=scripts/lib/steps.sh
+source "${BASH_SOURCE[0]%/*}/steps.sh"
+# shellcheck source=scripts/lib/debian.sh
+source "${BASH_SOURCE[0]%/*}/debian.sh"
+# shellcheck source=scripts/lib/arm-sysroot.sh
+source "${BASH_SOURCE[0]%/*}/arm-sysroot.sh"
+
+# shellcheck disable=SC2034  # for scripts/test
+packages_packages=(dpkg-dev file lintian debootstrap iproute2 util-linux squashfs-tools systemd
+                   binutils mandoc man-db)
+
+package_names=(vok-broker libvokbroker5 libvokbroker-dev vok-broker-examples)
+package_ready_flag=/tmp/vok_ready
+package_example_client=/usr/libexec/vok-broker/examples/example-client
+# Five attempts to mount an update of the plug-in set, and a busy machine.
+package_start_seconds=45
+# Units to compare with: of the packages dbus, systemd and dbus-broker.
+package_known_units=(dbus.service systemd-logind.service dbus-broker.service)
+
+# run_packages short|long: the short form leaves out systemd, armhf and the compiler inside.
+run_packages() {
+  local form=$1
+  package_folder=$root/build-release/packages
+  trap 'debian_leave' EXIT
+
+  packages_make || return
+  packages_read
+  packages_judge_unit
+  if ! debian_is_possible; then
+    note "Nothing is installed: $debian_why_not."
+  else
+    packages_try_by_hand
+    if [[ $form == long ]]; then packages_try_under_systemd; fi
+  fi
+  if [[ $form == long ]]; then packages_make_for_arm; fi
+
+  heading "$((steps_failed)) failed"
+  ((steps_failed == 0))
+}
+
+# --- Making and reading them
+
+# packages_make: two releases of the same sources, and the first one twice.
+packages_make() {
+  heading "Packages of release 1, again, and of release 2"
+  rm -rf "$package_folder"
+  packages_pack "$package_folder/2" 2 &&
+    packages_pack "$package_folder/again" 1 && packages_pack "$package_folder/1" 1 || return
+  local package
+  for package in "$package_folder/1"/*.deb; do
+    check "${package##*/} is the same, byte for byte, when it is made again" \
+      cmp -s "$package" "$package_folder/again/${package##*/}"
+  done
+}
+
+# packages_pack FOLDER RELEASE
+packages_pack() {
+  local log=$root/build-release/packages.log
+  (
+    cd "$root" && cmake --preset release -DVOK_PACKAGE_RELEASE="$2" &&
+      cmake --build --preset release &&
+      cpack --config build-release/CPackConfig.cmake -B "$1"
+  ) >"$log" 2>&1 || {
+    tail -n 40 "$log" >&2
+    return 1
+  }
+  rm -rf "$1/_CPack_Packages"
+}
+
+packages_read() {
+  heading "lintian"
+  check "it has no error and no warning, besides what the overrides explain" \
+    lintian --allow-root --tag-display-limit 0 --fail-on error,warning "$package_folder/1"/*.deb
+  heading "What is in them"
+  local name
+  for name in "${package_names[@]}"; do
+    check "there is $name" packages_has "$name"
+  done
+  check "the host library shows nothing but vok_ functions and vok::CBroker" packages_exports
+}
+
+packages_has() { [[ -f $(echo "$package_folder/1/$1"_*.deb) ]]; }
+
+packages_exports() {
+  local tree=$package_folder/tree others
+  rm -rf "$tree"
+  dpkg-deb -x "$package_folder"/1/libvokbroker5_*.deb "$tree"
+  others=$(nm -D --defined-only -C "$(find "$tree" -type f -name 'libvokbroker.so.*')" |
+    sed -E 's/^[0-9a-f]+ . //' |
+    grep -vE '^(vok_|vok::CBroker::|(vtable|typeinfo|typeinfo name) for vok::CBroker$|(non-virtual |virtual )?thunk to vok::CBroker::)')
+  [[ -z $others ]] || { indent <<<"$others"; return 1; }
+}
+
+# --- The unit
+
+packages_judge_unit() {
+  heading "What systemd-analyze security thinks of the unit, and of those of well-known buses"
+  local tree=$package_folder/unit unit file
+  rm -rf "$tree"
+  dpkg-deb -x "$package_folder"/1/vok-broker_*.deb "$tree"
+  unit=$tree/usr/lib/systemd/system/vok-broker.service
+  check "systemd understands the unit" packages_verify_unit "$unit"
+  packages_score "$unit"
+  for file in "${package_known_units[@]}"; do
+    unit=$(packages_known_unit "$file") || { note "$file: not to be had here"; continue; }
+    packages_score "$unit"
+  done
+}
+
+# What it says of programs that are not installed here is not about the unit.
+packages_verify_unit() {
+  local complaints
+  complaints=$(systemd-analyze verify --man=no "$1" 2>&1 | grep -v 'is not executable' || true)
+  [[ -z $complaints ]] || { indent <<<"$complaints"; return 1; }
+}
+
+packages_score() {
+  systemd-analyze security --offline=true --no-pager "$1" 2>&1 |
+    sed -n 's/.*exposure level for \(.*\): \([0-9.]*\) \([A-Z]*\).*/   \1: \2 \3/p'
+}
+
+# packages_known_unit NAME: as it is installed here, or in its package.
+packages_known_unit() {
+  local found=/lib/systemd/system/$1 package=${1%.service} folder=$package_folder/known
+  if [[ -e $found ]]; then
+    echo "$found"
+    return
+  fi
+  mkdir -p "$folder"
+  (cd "$folder" && apt-get -q download "$package" && dpkg-deb -x "${package}"_*.deb .) \
+    >/dev/null 2>&1 || return
+  found=$folder/lib/systemd/system/$1
+  [[ -e $found ]] && echo "$found"
+}
+
+# --- In a Debian without a service manager
+
+packages_try_by_hand() {
+  heading "A Debian 12 in which nothing runs"
+  debian_make "$root/build-release/debian" || { failed "debootstrap"; return; }
+  debian_enter by-hand || { failed "entering it: $debian_why_not"; return; }
+  debian_list_files >"$package_folder/files.before"
+  packages_install 1 || { debian_leave; return; }
+  check "the unit is enabled" \
+    inside test -L /etc/systemd/system/multi-user.target.wants/vok-broker.service
+  check "the folders of downloaded EMPs are there" inside test -d /opt/down/emps
+
+  packages_use_by_hand
+  packages_lay_out_own_emp
+  heading "The upgrade"
+  packages_install 2
+  check "EMPs that are no part of it stay" inside test -x /usr/bin/emps/empOwn/empOwn
+  packages_purge_by_hand
+  debian_leave
+}
+
+# packages_install RELEASE: with what they depend on, from the mirror.
+packages_install() {
+  local file files=()
+  rm -rf "$debian_root/packages"
+  cp -r "$package_folder/$1" "$debian_root/packages"
+  for file in "$debian_root/packages"/*.deb; do files+=("/packages/${file##*/}"); done
+  check "apt installs release $1" debian_apt install "${files[@]}"
+  check "dpkg finds every file as it was packed" \
+    debian_quietly inside dpkg --verify "${package_names[@]}"
+  # shellcheck disable=SC2016  # dpkg's variables
+  inside dpkg-query -W -f '${Package} ${Version} ${db:Status-Status}\n' "${package_names[@]}" |
+    indent
+}
+
+packages_serves() { inside test -e "$package_ready_flag"; }
+
+packages_use_by_hand() {
+  heading "The daemon, started by hand"
+  check "it puts itself into the background" inside /usr/bin/vok-broker
+  check_soon "$package_start_seconds" "it serves" packages_serves
+  packages_use
+  check "the host library works, too: a second broker finds the port taken" \
+    packages_host_is_refused
+  local pid
+  pid=$(pid_inside /usr/bin/vok-broker)
+  inside_kill TERM "$pid"
+  check_soon 10 "it stops, and takes its flag along" packages_has_stopped "$pid"
+}
+
+packages_has_stopped() {
+  ! inside test -e "/proc/$1/exe" && ! packages_serves
+}
+
+packages_host_is_refused() {
+  local answer
+  answer=$(inside /usr/libexec/vok-broker/examples/example-host Example 2>&1) && return 1
+  [[ $answer != *"error while loading"* ]]
+}
+
+# packages_use: the example EMP, by everything that can open it.
+packages_use() {
+  check "the example client opens the example EMP" packages_client_echoes
+  check "vokctl calls it" packages_answers hello inside vokctl call Example Echo hello
+  check "vokctl tells the state" debian_quietly inside vokctl status
+  check "vokctl knows where it is" debian_quietly inside vokctl where Example
+}
+
+# inside_kill SIGNAL PID: the shell's own; there is no such program in there.
+# shellcheck disable=SC2016  # the shell inside expands them
+inside_kill() { inside sh -c 'kill -s "$1" "$2"' sh "$1" "$2"; }
+
+# pid_inside PROGRAM: of the process that runs it.
+pid_inside() {
+  # shellcheck disable=SC2012  # the names in /proc are numbers
+  inside sh -c 'ls -l /proc/[0-9]*/exe 2>/dev/null' | sed -n "s,.*/proc/\([0-9]*\)/exe -> $1\$,\1,p"
+}
+
+# packages_answers TEXT COMMAND...
+packages_answers() {
+  local text=$1 answer
+  shift
+  answer=$("$@" 2>&1) || true
+  [[ $answer == *"$text"* ]] || { indent <<<"$answer"; return 1; }
+}
+
+# packages_client_echoes [EMP]
+packages_client_echoes() {
+  packages_answers 'echo hello' inside "$package_example_client" "${1:-Example}"
+}
+
+# Of somebody else: no package knows it.
+packages_lay_out_own_emp() {
+  inside install -D /usr/libexec/vok-broker/examples/example-emp /usr/bin/emps/empOwn/empOwn
+}
+
+# The EMP of vok-emp(7), as that page says, with the development package and nothing else of ours.
+packages_build_inside() {
+  local folder=/root/clock
+  heading "A compiler in there, and the example of vok-emp(7)"
+  check "apt installs a compiler" debian_apt install g++ make cmake pkg-config
+  inside mkdir "$folder"
+  sed -n '/^cmake_minimum_required/,/^\.Ed/{/^\.Ed/d;p}' "$root/docs/man/vok-emp.7" \
+    >"$debian_root$folder/CMakeLists.txt"
+  inside sh -c 'cp /usr/share/doc/vok-broker-examples/examples/emp* /root/clock'
+  check "it is built" debian_quietly inside sh -c 'cd /root/clock && cmake -B build && cmake --build build'
+  check "it is put where the broker looks" \
+    inside install -D "$folder/build/empClock" /usr/bin/emps/empClock/empClock
+}
+
+packages_purge_by_hand() {
+  heading "The purge"
+  check "apt purges all of them, and what they needed" packages_purge
+  check "an EMP of somebody else is still there" inside test -x /usr/bin/emps/empOwn/empOwn
+  inside rm -r /usr/bin/emps
+  rm -rf "$debian_root/packages"
+  debian_list_files >"$package_folder/files.after"
+  check "no file is left that was not there before" packages_left_nothing
+}
+
+packages_purge() {
+  debian_apt purge --auto-remove "${package_names[@]}"
+}
+
+# Besides what dpkg, apt and systemd's helper note about every package that has come and gone.
+packages_left_nothing() {
+  local left
+  left=$(diff "$package_folder/files.before" "$package_folder/files.after" | grep '^[<>]' |
+    grep -vE ' \./(var/(lib|cache|log)/|etc/(ld\.so\.cache|alternatives)|usr/share/info/)' || true)
+  [[ -z $left ]] || { indent <<<"$left"; return 1; }
+}
+
+# --- In a Debian that systemd has started
+
+packages_try_under_systemd() {
+  heading "A Debian 12 that systemd has started"
+  debian_enter by-hand || { failed "entering it: $debian_why_not"; return; }
+  check "apt installs systemd" debian_apt install systemd dbus
+  packages_install 1
+  packages_lay_out_image
+  packages_build_inside
+  debian_leave
+  if ! debian_enter systemd; then
+    note "Left out: systemd does not start here as process 1 of a namespace: $debian_why_not"
+    return
+  fi
+  packages_unit_starts
+  packages_unit_is_open_to_emps
+  packages_unit_restarts
+  packages_unit_stops
+  packages_unit_without_plugins
+  packages_unit_upgrades
+  packages_unit_purges
+  debian_leave
+}
+
+# property NAME: of the unit.
+property() { inside systemctl show -P "$1" vok-broker.service; }
+property_is() { [[ $(property "$1") == "$2" ]]; }
+
+packages_unit_starts() {
+  check_soon "$package_start_seconds" "the broker has been started with the system" \
+    property_is ActiveState active
+  check "it served before the unit counted as started" packages_serves
+  check "systemd watches the daemon" packages_main_pid_is_daemon
+  packages_use
+  check "the EMP that was built in here opens" packages_client_echoes Clock
+  inside rm -r /usr/bin/emps/empClock
+}
+
+packages_main_pid_is_daemon() {
+  local pid
+  pid=$(property MainPID)
+  [[ $pid != 0 && $(inside readlink "/proc/$pid/exe") == /usr/bin/vok-broker ]]
+}
+
+# An image of an EMP, made here: its mount has to be seen by everybody.
+packages_lay_out_image() {
+  local content=$package_folder/content folder=$debian_root/opt/down/emps/empImage_img
+  rm -rf "$content"
+  mkdir -p "$content" "$folder"
+  cp "$debian_root/usr/libexec/vok-broker/examples/example-emp" "$content/empImage"
+  mksquashfs "$content" "$folder/empImage.img" -noappend -quiet -no-progress -all-root >/dev/null
+}
+
+# packages_keep_open EMP: prints the client's and the EMP's port.
+packages_keep_open() {
+  inside "$package_example_client" --open-only "$1" |
+    sed -n 's/^opened .*clientPort=\([^ ]*\) empPort=\([^ ]*\).*/\1 \2/p'
+}
+
+packages_unit_is_open_to_emps() {
+  local ports pid
+  if ! images_work_inside; then
+    note "Without images: no loop device can be had here."
+  else
+    ports=$(packages_keep_open Image)
+    check "an EMP from an image is opened" test -n "$ports"
+    check "others see its mount" packages_answers /opt/down/emps/empImage \
+      inside cat /proc/1/mountinfo
+    # shellcheck disable=SC2086  # two words
+    inside "$package_example_client" --close-only $ports Image >/dev/null || true
+    check_soon 10 "it is unmounted when nobody uses it" packages_image_is_unmounted
+  fi
+
+  ports=$(packages_keep_open Example)
+  check "an EMP is kept open" test -n "$ports"
+  pid=$(pid_inside '.*/empExample')
+  packages_emp=$pid
+  check "an EMP has the limits that it should have" packages_answers '1024 6144 files' \
+    inside sh -c "awk '/Max open files/ { print \$4, \$5, \$6 }' /proc/$pid/limits"
+}
+
+images_work_inside() { inside sh -c 'test -e /dev/loop-control'; }
+packages_image_is_unmounted() { ! inside grep -q empImage /proc/1/mountinfo; }
+
+packages_unit_restarts() {
+  local before
+  before=$(property MainPID)
+  inside_kill KILL "$before"
+  check_soon "$package_start_seconds" "it is restarted when it has crashed" packages_is_new "$before"
+  check "an EMP has survived the crash" inside test -e "/proc/$packages_emp/exe"
+  check "systemd watches the daemon, not the EMP" packages_main_pid_is_daemon
+  check "it was one restart" property_is NRestarts 1
+  check "it serves" packages_client_echoes
+}
+
+packages_is_new() {
+  property_is ActiveState active && ! property_is MainPID "$1"
+}
+
+packages_unit_stops() {
+  check "it stops" inside systemctl stop vok-broker
+  check "which is a success" property_is Result success
+  check "it is not failed" property_is ActiveState inactive
+  check "the flag has gone" not packages_serves
+  check "an EMP has survived the stop" inside test -e "/proc/$packages_emp/exe"
+  check "it starts beside that EMP" inside systemctl start vok-broker
+  check "systemd watches the daemon, not the EMP" packages_main_pid_is_daemon
+  inside_kill TERM "$packages_emp"
+}
+
+packages_unit_without_plugins() {
+  inside systemctl stop vok-broker
+  inside mv /opt/down/pepper /opt/down/put-away
+  inside systemctl start vok-broker
+  check "it is not tried where there is no plug-in set" property_is ConditionResult no
+  check "which is no failure" property_is ActiveState inactive
+  # With a set that cannot be mounted it is tried, and fails.
+  inside install -D /dev/null /usr/bin/emps/empPepperPlugins/empPepperPlugins.img
+  check "a start that fails is told" packages_answers failed inside systemctl start vok-broker
+  check "and tried again" packages_answers restart \
+    inside systemctl show -P SubState vok-broker.service
+  inside systemctl stop vok-broker
+  inside systemctl reset-failed vok-broker 2>/dev/null || true
+  inside rm -r /usr/bin/emps/empPepperPlugins
+  inside mv /opt/down/put-away /opt/down/pepper
+  check "it starts again" inside systemctl start vok-broker
+}
+
+packages_unit_upgrades() {
+  local before
+  before=$(property MainPID)
+  rm -rf "$debian_root/packages"
+  cp -r "$package_folder/2" "$debian_root/packages"
+  check "dpkg upgrades it while it runs" debian_quietly inside sh -c 'dpkg -i /packages/*.deb'
+  check "the broker has been restarted" packages_is_new "$before"
+  check "it serves" packages_client_echoes
+}
+
+packages_unit_purges() {
+  check "dpkg purges it while it runs" debian_quietly inside dpkg --purge "${package_names[@]}"
+  check "nothing serves any more" not packages_serves
+  check "there is no such unit" property_is LoadState not-found
+  local path
+  for path in /run/vok-broker /run/vok-broker.pid /opt/down/emps/empPepperPlugins /usr/bin/vok-broker /usr/bin/emps \
+    /etc/systemd/system/multi-user.target.wants/vok-broker.service \
+    /var/lib/systemd/deb-systemd-helper-enabled/vok-broker.service.dsh-also; do
+    check "$path has gone" not inside test -e "$path"
+  done
+}
+
+# --- For the set
+
+packages_make_for_arm() {
+  heading "Packages for 32-bit ARM"
+  # Not for the short form, so not among packages_packages.
+  ensure_packages g++-12-arm-linux-gnueabihf || {
+    failed "installing the cross compiler"
+    return
+  }
+  local build=$root/build-arm folder=$package_folder/armhf package
+  mkdir -p "$build"
+  packages_pack_for_arm "$build" "$folder" || {
+    failed "making them"
+    return
+  }
+  for package in "$folder"/*.deb; do
+    check "${package##*/} is for armhf, and so is what is in it" packages_is_arm "$package"
+  done
+  check "lintian has no error and no warning" \
+    lintian --allow-root --tag-display-limit 0 --fail-on error,warning "$folder"/*.deb
+  check "both architectures have the same files" packages_same_files "$folder"
+}
+
+packages_pack_for_arm() {
+  local build=$1 folder=$2 log=$1/packages.log
+  if ! (
+    make_sysroot "$build/sysroot" && make_sysroot_database "$build/sysroot" || exit
+    cd "$root" && cmake --preset arm && cmake --build --preset arm --target vok_installed &&
+      DEB_HOST_ARCH=armhf DPKG_ADMINDIR=$build/sysroot.dpkg \
+        cpack --config build-arm/CPackConfig.cmake -B "$folder"
+  ) >"$log" 2>&1; then
+    tail -n 40 "$log" >&2
+    return 1
+  fi
+  rm -rf "$folder/_CPack_Packages"
+}
+
+packages_is_arm() {
+  local tree=$package_folder/tree file what
+  [[ $(dpkg-deb -f "$1" Architecture) == armhf ]] || return
+  rm -rf "$tree"
+  dpkg-deb -x "$1" "$tree"
+  while IFS= read -r -d '' file; do
+    what=$(file -b "$file")
+    if [[ $what == ELF* && $what != *"32-bit LSB"*ARM* ]]; then
+      note "$file: $what"
+      return 1
+    fi
+  done < <(find "$tree" -type f -print0)
+  note "$(dpkg-deb -f "$1" Depends)"
+}
+
+packages_same_files() {
+  local name files
+  for name in "${package_names[@]}"; do
+    files=$(diff <(packages_files "$package_folder/1/$name"_*.deb) \
+      <(packages_files "$1/$name"_*.deb)) || { indent <<<"$files"; return 1; }
+  done
+}
+
+packages_files() {
+  dpkg-deb --fsys-tarfile "$1" | tar -t | sed 's/x86_64-linux-gnu\|arm-linux-gnueabihf/TRIPLET/'
+}
