@@ -13,9 +13,10 @@ namespace vok::ctl {
 struct Style {
     bool bUtf8 = false;  // else ASCII only
     bool bTerminal = false;
-    bool bColour = false;  // with escape sequences
-    int nWidth = 0;        // of the terminal, in columns; 0: unlimited
-    int nHeight = 0;       // in lines; 0: unlimited
+    bool bColour = false;   // with escape sequences
+    int nWidth = 0;         // of the terminal, in columns; 0: unlimited
+    int nHeight = 0;        // in lines; 0: unlimited
+    bool bInPlace = false;  // a screen that is drawn anew: no line may be wider than the terminal
 };
 
 /// Any bytes as text that changes nothing of a terminal but the characters it shows. What is not

@@ -74,7 +74,10 @@ std::string Painted(const std::string& strText, eColour colour, const Style& sty
 }
 
 std::string Line(const std::vector<Span>& spans, const Style& style) {
-    return RenderSpans(spans, Limit(style), style).strText + '\n';
+    // Only what is in columns is cut: a sentence goes on in the terminal's next line.
+    Style whole = style;
+    if (!style.bInPlace) whole.nWidth = 0;
+    return RenderSpans(spans, Limit(whole), whole).strText + '\n';
 }
 
 std::string Line(const std::string& strText, const Style& style) {

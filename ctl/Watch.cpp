@@ -67,6 +67,12 @@ private:
     void ShowScreen(const std::string& strScreen);
     bool AwaitNext();
     bool IsEnded() const;
+    /// How the screen looks.
+    Style GetStyle() const {
+        Style style = m_Output.GetStyle();
+        style.bInPlace = style.bTerminal;
+        return style;
+    }
 
     const Options& m_Options;
     COutput& m_Output;
@@ -101,7 +107,7 @@ void CWatch::Show(const admin::BrokerState& state) {
         m_Output.AddLine(json);
         m_Output.Flush();
     } else {
-        const Style& style = m_Output.GetStyle();
+        const Style style = GetStyle();
         ShowScreen(Line({{Now() + "  every " + Duration(m_Options.interval) + "; Ctrl-C ends",
                           eColour::Faint}},
                         style) +
@@ -117,8 +123,8 @@ void CWatch::ShowTrouble(const std::string& strTrouble) {
         m_Output.Flush();
         return;
     }
-    ShowScreen(Line({{Now() + "  waiting", eColour::Faint}}, m_Output.GetStyle()) +
-               Line({{strTrouble, eColour::Red}}, m_Output.GetStyle()));
+    ShowScreen(Line({{Now() + "  waiting", eColour::Faint}}, GetStyle()) +
+               Line({{strTrouble, eColour::Red}}, GetStyle()));
 }
 
 /// False when there is to be no further look. A broker that has been there may come back; one that

@@ -150,12 +150,9 @@ std::string MountLines(const admin::Whereabouts& whereabouts, const Style& style
     return '\n' + Line(strText + '.', style);
 }
 
-/// A sentence may be longer than a line.
-std::string Paragraph(const std::string& strText, const Style& style) {
-    if (strText.empty()) return {};
-    Style whole = style;
-    whole.nWidth = 0;
-    return Line(strText, whole);
+/// Nothing for none.
+std::string Sentence(const std::string& strText, const Style& style) {
+    return strText.empty() ? strText : Line(strText, style);
 }
 
 }  // namespace
@@ -186,7 +183,7 @@ std::string FurtherOpen(const admin::Whereabouts& whereabouts) {
 }
 
 std::string WhereReport(const admin::Whereabouts& whereabouts, const Style& style) {
-    return Paragraph(Decision(whereabouts), style) + Paragraph(FurtherOpen(whereabouts), style) +
+    return Sentence(Decision(whereabouts), style) + Sentence(FurtherOpen(whereabouts), style) +
            FileTable(whereabouts, style) + ListedTable(whereabouts, style) +
            ServerTable(whereabouts, style) + MountLines(whereabouts, style);
 }

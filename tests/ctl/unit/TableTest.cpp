@@ -79,7 +79,10 @@ TEST(Table, CountsPiecesOfACellTogether) {
 }
 
 TEST(Line, IsCutInTheMiddleOfItsPieces) {
-    EXPECT_EQ(Line({{"vok-broker", eColour::None}, {" 5.100"}}, Plain(13)), "vok-broker 5\u2026\n");
+    EXPECT_EQ(Line({{"vok-broker", eColour::None}, {" 5.100"}}, Plain(13)), "vok-broker 5.100\n");
+    Style inPlace = Plain(13);
+    inPlace.bInPlace = true;
+    EXPECT_EQ(Line({{"vok-broker", eColour::None}, {" 5.100"}}, inPlace), "vok-broker 5\u2026\n");
     EXPECT_EQ(Line("one\ntwo", Plain()), "one\\x0Atwo\n");
 }
 
