@@ -63,6 +63,7 @@ packages_make() {
 # packages_pack FOLDER RELEASE
 packages_pack() {
   local log=$root/build-release/packages.log
+  mkdir -p "${log%/*}"
   (
     cd "$root" && cmake --preset release -DVOK_PACKAGE_RELEASE="$2" &&
       cmake --build --preset release &&
@@ -447,6 +448,7 @@ packages_make_for_arm() {
 
 packages_pack_for_arm() {
   local build=$1 folder=$2 log=$1/packages.log
+  mkdir -p "$build"
   if ! (
     make_sysroot "$build/sysroot" && make_sysroot_database "$build/sysroot" || exit
     cd "$root" && cmake --preset arm && cmake --build --preset arm --target vok_installed &&

@@ -40,10 +40,10 @@ private:
 int main() {
     using namespace apache::thrift;
     const auto spSocket = std::make_shared<transport::TServerSocket>("127.0.0.1", 0);
-    server::TThreadedServer server(
-        std::make_shared<vok::VokEmpProcessor>(std::make_shared<CEmp>()), spSocket,
-        std::make_shared<transport::TBufferedTransportFactory>(),
-        std::make_shared<protocol::TBinaryProtocolFactory>());
+    server::TThreadedServer server(std::make_shared<vok::VokEmpProcessor>(std::make_shared<CEmp>()),
+                                   spSocket,
+                                   std::make_shared<transport::TBufferedTransportFactory>(),
+                                   std::make_shared<protocol::TBinaryProtocolFactory>());
     server.setServerEventHandler(std::make_shared<CPrintPort>(*spSocket));
     std::thread serving{[&server] { server.serve(); }};
     while (std::getchar() != EOF) {
