@@ -21,11 +21,31 @@ if(EXISTS /etc/debian_version AND CMAKE_INSTALL_PREFIX STREQUAL /usr)
 endif()
 set(VOK_ZSH_COMPLETION_DIR ${vok_zsh_default} CACHE STRING "Where zsh finds completions")
 
+# vok_read_constant(OUT HEADER NAME): what the code gives NAME, without quotes.
+function(vok_read_constant out header name)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
+  file(STRINGS ${PROJECT_SOURCE_DIR}/${header} line REGEX "[ ]${name}(\\[\\])? = ")
+  # A list has its semicolons quoted by a backslash.
+  if(NOT line MATCHES " = \"?([^\";\\]+)")
+    message(FATAL_ERROR "${header} does not say what ${name} is.")
+  endif()
+  set(${out} ${CMAKE_MATCH_1} PARENT_SCOPE)
+endfunction()
+
+# As /proc/net/tcp writes it.
+vok_read_constant(vok_port platform/Limits.h kBrokerPort)
+math(EXPR vok_port_in_hex ${vok_port} OUTPUT_FORMAT HEXADECIMAL)
+string(REPLACE 0x "" vok_port_in_hex ${vok_port_in_hex})
+string(TOUPPER ${vok_port_in_hex} vok_port_in_hex)
+vok_read_constant(vok_ready_flag platform/EmpPaths.h kReadyFlag)
+
 # vok_install_configured(IN OUT DIR COMPONENT PERMISSIONS...): IN with the @VARIABLES@ bindir and
-# libexecdir as they are at the install.
+# libexecdir as they are at the install, and with the port and the ready flag of the code.
 function(vok_install_configured in out dir component)
   set(made ${PROJECT_BINARY_DIR}/installed/${out})
   install(CODE "
+    set(port_in_hex ${vok_port_in_hex})
+    set(ready_flag ${vok_ready_flag})
     set(bindir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
     set(libexecdir \"\${CMAKE_INSTALL_PREFIX}/${vok_libexec_dir}\")
     configure_file(\"${vok_packaging}/${in}\" \"${made}\" @ONLY)"
@@ -33,11 +53,12 @@ function(vok_install_configured in out dir component)
   install(PROGRAMS ${made} DESTINATION ${dir} COMPONENT ${component} PERMISSIONS ${ARGN})
 endfunction()
 set(vok_file_mode OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+set(vok_program_mode ${vok_file_mode} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 
 function(vok_install_broker)
   install(TARGETS vok-broker RUNTIME COMPONENT broker)
-  install(PROGRAMS ${vok_packaging}/launch ${vok_packaging}/await-ready
-          DESTINATION ${vok_libexec_dir} COMPONENT broker)
+  install(PROGRAMS ${vok_packaging}/launch DESTINATION ${vok_libexec_dir} COMPONENT broker)
+  vok_install_configured(await-ready.in await-ready ${vok_libexec_dir} broker ${vok_program_mode})
   vok_install_configured(vok-broker.service.in vok-broker.service lib/systemd/system broker
                          ${vok_file_mode})
   install(FILES ${vok_packaging}/vok-broker.tmpfiles DESTINATION lib/tmpfiles.d
