@@ -10,9 +10,10 @@ packages_lint=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck)
 
 lint_product=(platform registry rpc broker open supervision ctl)
 
-# run_lint short|long: clang-tidy reads the product; long: the tests and examples as well.
+# run_lint short|long: clang-tidy reads the product; long: the tests, examples and bench as well.
 run_lint() {
   local form=$1 step status=0
+  if [[ $form == long ]]; then ensure_packages "${packages_bench[@]}"; fi
   for step in lint_format lint_scripts lint_cppcheck "lint_tidy $form"; do
     echo "${step#lint_}:"
     # Words: a step and its argument.
@@ -40,17 +41,19 @@ lint_cppcheck() {
              --suppressions-list=.cppcheck-suppressions --suppress=unmatchedSuppression
              '--template={file}:{line}: {severity} [{id}] {message}')
   "${run[@]}" --enable=warning,performance,portability,style "${lint_product[@]}" &&
-    "${run[@]}" --enable=warning,performance,portability tests examples
+    "${run[@]}" --enable=warning,performance,portability tests examples bench
 }
 
 # lint_tidy short|long: with the flags of a clang build, so that its thread-safety analysis, which
 # .clang-tidy asks for, reads along.
 lint_tidy() {
-  local folders=${lint_product[*]} log=$root/build-clang/tidy.log status=0
-  if [[ $1 == long ]]; then folders+=' tests examples'; fi
+  local folders=${lint_product[*]} bench=OFF log=$root/build-clang/tidy.log status=0
+  if [[ $1 == long ]]; then folders+=' tests examples bench' bench=ON; fi
   # What is generated has to be there to be included.
-  { cmake --preset clang && cmake --build --preset clang --target vok_idl vok_admin_idl; } \
-    >"$root/build-clang.log" || return
+  {
+    cmake --preset clang -DVOK_BUILD_BENCH="$bench" &&
+      cmake --build --preset clang --target vok_idl vok_admin_idl
+  } >"$root/build-clang.log" || return
   mv "$root/build-clang.log" "$root/build-clang/configure.log"
   run-clang-tidy-14 -quiet -p "$root/build-clang" "^$root/(${folders// /|})/" >"$log" 2>&1 ||
     status=$?
