@@ -120,6 +120,13 @@ inside() {
     env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 "$@" </dev/null
 }
 
+# debian_with_network COMMAND...: inside, but for the network, which is the machine's.
+debian_with_network() {
+  nsenter --target "$debian_init" --mount --pid --uts --ipc --cgroup -- \
+    env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+    DEBIAN_FRONTEND=noninteractive "$@" </dev/null
+}
+
 # debian_apt ARGUMENT...: apt-get inside, with the machine's network.
 debian_apt() {
   if [[ ! -e $debian_root/var/lib/apt/lists-are-new && $1 == install ]]; then
@@ -129,11 +136,7 @@ debian_apt() {
   debian_run_apt --yes --no-install-recommends "$@"
 }
 
-debian_run_apt() {
-  debian_quietly nsenter --target "$debian_init" --mount --pid --uts --ipc --cgroup -- \
-    env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
-    DEBIAN_FRONTEND=noninteractive apt-get -q "$@"
-}
+debian_run_apt() { debian_quietly debian_with_network apt-get -q "$@"; }
 
 # debian_quietly COMMAND...: its output is shown when it fails.
 debian_quietly() {

@@ -2,9 +2,12 @@
 """Follows a guide word for word: makes its files, runs its commands, compares what they print.
 
     guide.py --on-this-machine [--without WHAT]... GUIDE.md
+    guide.py --in-world-of PID [--from FOLDER] [--without WHAT]... GUIDE.md
 
 It changes the machine that it runs on, as root, as a reader would: in_world.sh gives it one that
-vanishes afterwards. Without the option it only looks whether the guide can be read.
+vanishes afterwards. Or it stays outside, and what it runs and makes is in the world of a process, with
+that one's files, network and processes; it begins in FOLDER there. Without these options it only
+looks whether the guide can be read.
 
 What is followed is said by the words behind a fence's language, which a reader does not see:
 
@@ -24,6 +27,7 @@ import argparse
 import collections
 import pathlib
 import re
+import shlex
 import subprocess
 import sys
 import tempfile
@@ -82,12 +86,32 @@ def matches(shown, seen):
     return re.fullmatch(pattern, lines) is not None
 
 
+class Place:
+    """Where a guide is followed: the command that starts a shell there, and, for who looks from
+    here, the root of its files."""
+
+    def __init__(self, process=None, start="."):
+        self.root = pathlib.Path("/")
+        self.shell = ["bash", "--noprofile", "--norc"]
+        self.start = start
+        if process:
+            self.root = pathlib.Path(f"/proc/{process}/root")
+            self.shell = ["nsenter", f"--target={process}", "--mount", "--pid", "--net", "--uts",
+                          "--ipc", "--cgroup", "--", "env", "-i", "HOME=/root", "LANG=C.UTF-8",
+                          "PATH=/usr/sbin:/usr/bin:/sbin:/bin"] + self.shell
+
+    def seen_from_here(self, path):
+        return self.root / path.relative_to("/")
+
+
 class Shell:
     """One shell for all blocks: what one of them sets, the next one finds."""
 
-    def __init__(self):
-        self.folder = tempfile.TemporaryDirectory(prefix="guide-")
-        self.process = subprocess.Popen(["bash", "--noprofile", "--norc"], stdin=subprocess.PIPE,
+    def __init__(self, place):
+        self.place = place
+        self.folder = tempfile.TemporaryDirectory(prefix="guide-",
+                                                  dir=place.seen_from_here(pathlib.Path("/tmp")))
+        self.process = subprocess.Popen(place.shell, stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, text=True)
 
     def run(self, commands):
@@ -95,9 +119,10 @@ class Shell:
         shell is afterwards."""
         script, output = (pathlib.Path(self.folder.name, name) for name in ("script", "output"))
         script.write_text(commands)
+        there = "/tmp/" + pathlib.Path(self.folder.name).name
         self.process.stdin.write(
             f"failed=(); trap 'failed+=(\"$? $BASH_COMMAND\")' ERR\n"
-            f". {script} >{output} 2>&1 </dev/null; status=$?; trap - ERR\n"
+            f". {there}/script >{there}/output 2>&1 </dev/null; status=$?; trap - ERR\n"
             f"printf '%s\\0' \"$status\" \"$PWD\" \"${{failed[@]}}\"; printf '\\n'\n")
         self.process.stdin.flush()
         answer = self.process.stdout.readline()
@@ -129,10 +154,10 @@ def what_failed(block, status, failed):
     return None
 
 
-def follow(text, without=(), say=lambda *words, **how: None):
+def follow(text, place, without=(), say=lambda *words, **how: None):
     """What is wrong with the guide; None when it is right."""
-    shell = Shell()
-    _, _, _, where = shell.run("")
+    shell = Shell(place)
+    _, _, _, where = shell.run(f"cd {shlex.quote(place.start)}")
     seen = None  # of the commands before; None: they were left out
     for block in blocks_of(text):
         wrong = None
@@ -143,7 +168,7 @@ def follow(text, without=(), say=lambda *words, **how: None):
             seen = None
         elif "file" in block.words:
             say(f"line {block.line}: {block.words['file']}")
-            wrong = made_file(block, where)
+            wrong = made_file(block, place.seen_from_here(where))
         elif "run" in block.words:
             say(f"line {block.line}:\n{block.text}", end="")
             seen, status, failed, where = shell.run(block.text)
@@ -192,23 +217,25 @@ def try_itself():
         assert matches(shown, seen) == same, (shown, seen)
     for guide, expected in GUIDES:
         with tempfile.TemporaryDirectory() as folder:
-            wrong = follow(f"```sh run\ncd {folder}\n```\n" + guide, {"images"})
-            wrong = re.sub(r"^line (\d+)", lambda line: f"line {int(line[1]) - 3}", wrong or "")
+            wrong = follow(guide, Place(start=folder), {"images"}) or ""
             assert wrong.startswith(expected or "\0") if expected else not wrong, (guide, wrong)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("guide", type=pathlib.Path)
-    parser.add_argument("--on-this-machine", action="store_true")
+    where = parser.add_mutually_exclusive_group()
+    where.add_argument("--on-this-machine", action="store_true")
+    where.add_argument("--in-world-of", type=int, metavar="PID")
+    parser.add_argument("--from", dest="start", default=".", metavar="FOLDER")
     parser.add_argument("--without", action="append", default=[], metavar="WHAT")
     options = parser.parse_args()
     try_itself()
     text = options.guide.read_text(encoding="utf-8")
-    if not options.on_this_machine:
-        print(f"{len(blocks_of(text))} blocks; none was run: that takes --on-this-machine")
+    if not options.on_this_machine and not options.in_world_of:
+        print(f"{len(blocks_of(text))} blocks; none was run: that takes a machine to do it on")
         return 0
-    wrong = follow(text, options.without,
+    wrong = follow(text, Place(options.in_world_of, options.start), options.without,
                    lambda *words, **how: print(*words, **how, flush=True))
     if wrong:
         print(f"{options.guide}: {wrong}", file=sys.stderr)

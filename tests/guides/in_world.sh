@@ -29,9 +29,9 @@ furnish() {
 
 # The first process of the world. follow INSTALLED GUIDE
 follow() {
-  local without=()
+  local without=(--without packages)
   furnish "$@"
-  images_can_be_mounted /run 2>/dev/null || without=(--without images)
+  images_can_be_mounted /run 2>/dev/null || without+=(--without images)
   cd /tmp/home
   # What a shell of root has on a fresh machine, and nothing of whoever runs the test.
   exec env -i HOME=/tmp/home LANG=C.UTF-8 PATH=/usr/sbin:/usr/bin:/sbin:/bin \
