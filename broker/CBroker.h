@@ -9,7 +9,7 @@
 /// are taken:
 ///
 ///     m_mtxMapEmp         mounts and their counts; held across mount and unmount
-///       m_mtxMountCount   one count's update, inside a close
+///       m_mtxMountCount   a count's change; alone, a look at the counts
 ///       m_mtxTicket       tickets, and the opens that have ended
 ///     m_mtxRegisterEmp    register launchers
 ///     m_mtxGroupingEmp    grouping processes
@@ -58,6 +58,8 @@ class Whereabouts;
 
 /// Which EMPs the launchers serve: (launcher name, launcher port) to EMP names.
 using LauncherTable = std::map<std::pair<std::string, std::string>, std::set<std::string>>;
+/// Image, or grouping process, to how many opens rely on it.
+using MountCounts = std::map<std::string, int>;
 
 /// The framework's place for the one instance: set before its members are made, cleared after the
 /// last of them has gone.
@@ -288,6 +290,15 @@ private:
     /// The decision inside UnmoutEMP.
     bool UnmountUnused(const std::string& strEmp) VOK_REQUIRES(m_mtxMapEmp);
 
+    // Every change of the mount counts is one of these.
+    /// The image's entry, with count 0 when it is new (second: true).
+    std::pair<MountCounts::iterator, bool> EnterMountCount(const std::string& strImage)
+        VOK_REQUIRES(m_mtxMapEmp);
+    void AddToMountCount(MountCounts::iterator it, int nMore) VOK_REQUIRES(m_mtxMapEmp);
+    void EraseMountCount(MountCounts::iterator it) VOK_REQUIRES(m_mtxMapEmp);
+    /// As they are now, also while an image is being mounted.
+    MountCounts CopyMountCounts();
+
     /// CheckStatus, without a name of its own. `eStatus`: the status as it was just now.
     bool AwaitSettledStatus(const std::string& strEmp, EMP_STATUS eStatus);
 
@@ -346,7 +357,7 @@ private:
 
     CMutex m_mtxMapEmp VOK_BEFORE(m_mtxTicket) VOK_BEFORE(m_mtxMountCount);
     /// Per image, or grouping process, how many opens rely on it.
-    std::map<std::string, int> m_mapEmp VOK_GUARDED_BY(m_mtxMapEmp);
+    MountCounts m_mapEmp VOK_GUARDED_BY(m_mtxMapEmp);
 
     /// Accessed with std::atomic_load and std::atomic_store.
     std::shared_ptr<apache::thrift::server::TThreadedServer> m_pBrokerServer;
@@ -371,7 +382,8 @@ private:
     /// Its port is never set, so what goes through it fails.
     CBrokerProxyEmpLauncher m_EmpLauncherProxy;
 
-    /// Guards nothing that m_mtxMapEmp does not; a close takes it for its one update.
+    /// Held for each change of m_mapEmp, besides m_mtxMapEmp. Whoever only looks takes this one,
+    /// and waits for no mount.
     CMutex m_mtxMountCount;
 
     const Platform m_Platform;

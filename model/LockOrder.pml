@@ -102,20 +102,23 @@ inline StartEmp() {
     fi
 }
 
+/* A look under the first lock; if need be, a change under both. */
+inline ChangeMountCount() {
+    Lock(m_mtxMapEmp);
+    if
+    :: true
+    :: true -> Take(m_mtxMountCount)
+    fi;
+    Unlock(m_mtxMapEmp)
+}
+
 /* COpenOperation::Undo; and GiveBack, which takes the same locks in the same order */
 inline Undo() {
     WithoutLocks();                  /* ReportLogToServer: the head start of the report */
-    Take(m_mtxMapEmp);               /* GiveBackMount, held over the unmount */
+    ChangeMountCount();              /* GiveBackMount, held over the unmount */
     Lock(m_mtxTicket);
     Take(m_mtxInfo);                 /* EndFailedOpen */
     Unlock(m_mtxTicket)
-}
-
-/* CBroker::LowerMountCount */
-inline LowerMountCount() {
-    Lock(m_mtxMapEmp);
-    Take(m_mtxMountCount);
-    Unlock(m_mtxMapEmp)
 }
 
 inline CloseEmp() {
@@ -125,7 +128,7 @@ inline CloseEmp() {
     };
     if
     :: true
-    :: true -> LowerMountCount()
+    :: true -> ChangeMountCount()    /* LowerMountCount */
     fi;
     atomic {
         CheckStatus();
@@ -137,7 +140,7 @@ inline CloseEmp() {
             Take(m_mtxInfo);         /* Remove */
             Take(m_mtxConnection)    /* RemoveConnectionData, RemoveClientPortFromConnDB */
         :: true ->
-            Take(m_mtxMapEmp)        /* RaiseMountCountAgain: memory was short, before or after */
+            ChangeMountCount()       /* RaiseMountCountAgain: memory was short, before or after */
         fi
     }
 }
@@ -155,12 +158,12 @@ active proctype Open() {
         Take(m_mtxInfo);             /* GetTypeOption */
         Take(m_mtxConnection);       /* GetEmpPort */
         Take(m_mtxTicket);           /* ReuseServer */
-        Take(m_mtxMapEmp);           /* RaiseMountCount, held over the mount */
+        ChangeMountCount();          /* RaiseMountCount, held over the mount */
         Take(m_mtxInfo)              /* CheckEmpStatus */
     };
     if
     :: true ->
-        Take(m_mtxMapEmp);           /* ForgetMountCount */
+        ChangeMountCount();          /* ForgetMountCount */
         Take(m_mtxTicket)            /* Refuse */
     :: true -> Undo()                /* GiveBack: from any step, but none holds a lock over it */
     :: true ->
@@ -222,7 +225,7 @@ active proctype Stop() {
     atomic {
         ConfirmGroupingEmpServer();  /* StopEmp, on its own thread */
         WithoutLocks();              /* AwaitEnd */
-        Take(m_mtxMapEmp)            /* UnmoutEMP, held over the unmount */
+        ChangeMountCount()           /* UnmoutEMP, held over the unmount */
     }
 }
 
@@ -276,7 +279,7 @@ active proctype Query() {
 #else
         Take(m_mtxConnection);       /* DescribeConnections */
 #endif
-        Take(m_mtxMapEmp);           /* DescribeMounts, held while it looks for files */
+        Take(m_mtxMountCount);       /* DescribeMounts */
         Take(m_mtxRegisterEmp);      /* GetState */
         Take(m_mtxGroupingEmp);
         Take(m_mtxTicket)

@@ -102,8 +102,31 @@ bool CBroker::UnmountUnused(const std::string& strEmp) {
         VOK_LOG_AS(kOperation, LEVEL_ERROR, "Not a Mounted EMP, No need to umount.");
     }
     VOK_LOG_AS(kOperation, LEVEL_TRACE, "Umount for [%s] EMP Succeeded!", strEmp.c_str());
-    m_mapEmp.erase(it);
+    EraseMountCount(it);
     return true;
+}
+
+// --- The counts. Two locks to change them, one to look: that one is never held for long.
+
+std::pair<MountCounts::iterator, bool> CBroker::EnterMountCount(const std::string& strImage) {
+    const CLock change{m_mtxMountCount};
+    return m_mapEmp.try_emplace(strImage, 0);
+}
+
+void CBroker::AddToMountCount(MountCounts::iterator it, int nMore) {
+    const CLock change{m_mtxMountCount};
+    it->second += nMore;
+}
+
+void CBroker::EraseMountCount(MountCounts::iterator it) {
+    const CLock change{m_mtxMountCount};
+    m_mapEmp.erase(it);
+}
+
+/// Which lock is enough to look, the analysis cannot be told.
+MountCounts CBroker::CopyMountCounts() VOK_TSA(no_thread_safety_analysis) {
+    const CLock look{m_mtxMountCount};
+    return m_mapEmp;
 }
 
 }  // namespace vok

@@ -281,11 +281,11 @@ void COpenOperation::RaiseMountCount() {
 }
 
 void COpenOperation::CountMountedImage() {
-    const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(Image(), 0);
+    const auto [it, bAdded] = m_Broker.EnterMountCount(Image());
     if (bAdded)
         OPEN_LOG(LEVEL_ERROR, "Maybe something wrong with [%s]'s the count of mount/umount.",
                  Image().c_str());
-    ++it->second;
+    m_Broker.AddToMountCount(it, 1);
     m_bCounted = true;
 }
 
@@ -294,9 +294,9 @@ void COpenOperation::MountImage() {
     const std::string strMountPoint = paths::MountPoint(Image());
 
     // The entry first, under the lock that nobody looks past: a mount without a count would stay.
-    const auto [it, bAdded] = m_Broker.m_mapEmp.try_emplace(Image(), 0);
+    const auto [it, bAdded] = m_Broker.EnterMountCount(Image());
     ScopeGuard forgetEntry{[this, it = it, bAdded = bAdded]() VOK_TSA(no_thread_safety_analysis) {
-        if (bAdded) m_Broker.m_mapEmp.erase(it);
+        if (bAdded) m_Broker.EraseMountCount(it);
     }};
     const bool bMounted = m_Broker.m_Platform.pMounter->Mount(strImageFile, strMountPoint);
     OPEN_LOG(LEVEL_DETAIL, "[Attention] Mount img:[%s] to [%s].", strImageFile.c_str(),
@@ -309,7 +309,7 @@ void COpenOperation::MountImage() {
     }
     m_Trace.mounted = OpenTrace::Now();
     forgetEntry.Dismiss();
-    it->second = 1;
+    m_Broker.AddToMountCount(it, 1 - it->second);  // the first, whatever was counted before
     m_bMounted = true;
     m_bCounted = true;
     OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: It's first time to open [%s] EMP.", Image().c_str());
@@ -348,7 +348,7 @@ void COpenOperation::ForgetMountCount() {
     }
     OPEN_LOG(LEVEL_ERROR, "[EMP EXCPETION NOT FOUND Umount]: Found EMP [%s] in the map. ",
              m_strEmp.c_str());
-    m_Broker.m_mapEmp.erase(it);
+    m_Broker.EraseMountCount(it);
 }
 
 void COpenOperation::StartAndAwaitReport() {
@@ -529,10 +529,11 @@ void COpenOperation::GiveBackMount() {
         return;
     }
     if (it->second == 1) {
-        if (UnmountImage()) m_Broker.m_mapEmp.erase(it);
+        if (UnmountImage()) m_Broker.EraseMountCount(it);
         return;
     }
-    const int nBefore = it->second--;
+    const int nBefore = it->second;
+    m_Broker.AddToMountCount(it, -1);
     OPEN_LOG(LEVEL_DETAIL, "EMP COUNT: Emp=[%s], count=[%d].", Image().c_str(), nBefore);
 }
 
@@ -543,7 +544,7 @@ void COpenOperation::UnmountImageWithoutProgram() {
     const auto it = m_Broker.m_mapEmp.find(Image());
     if (it == m_Broker.m_mapEmp.end()) return;  // another open of it has been here
     if (m_Broker.m_Platform.pMounter->Umount(paths::MountPoint(Image())))
-        m_Broker.m_mapEmp.erase(it);
+        m_Broker.EraseMountCount(it);
 }
 
 /// True when the image is gone, by this call or before it.

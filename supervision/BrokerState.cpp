@@ -89,9 +89,7 @@ void CBroker::DescribeConnections(std::vector<admin::ConnectionState>& connectio
 }
 
 void CBroker::DescribeMounts(std::vector<admin::MountState>& mounts) {
-    // Held to the end: nothing is mounted or unmounted meanwhile.
-    const CLock lock{m_mtxMapEmp};
-    for (const auto& [strImage, nCount] : m_mapEmp) {
+    for (const auto& [strImage, nCount] : CopyMountCounts()) {
         admin::MountState& mount = mounts.emplace_back();
         mount.image = Text(strImage);
         mount.count = nCount;

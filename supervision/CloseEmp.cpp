@@ -125,8 +125,7 @@ bool CBroker::LowerMountCount(const std::string& strImage) {
 
     CLOSE_LOG(LEVEL_TRACE, "[Before-Umount] Count Reduce 1, Emp=[%s], count=[%d].",
               strImage.c_str(), it->second);
-    const CLock update{m_mtxMountCount};
-    --it->second;
+    AddToMountCount(it, -1);
     CLOSE_LOG(LEVEL_TRACE, "[After-Umount] Count Reduce 1, Emp=[%s], count=[%d].", strImage.c_str(),
               it->second);
     return true;
@@ -135,7 +134,7 @@ bool CBroker::LowerMountCount(const std::string& strImage) {
 void CBroker::RaiseMountCountAgain(const std::string& strImage) {
     const CLock lock{m_mtxMapEmp};
     const auto it = m_mapEmp.find(strImage);
-    if (it != m_mapEmp.end()) ++it->second;
+    if (it != m_mapEmp.end()) AddToMountCount(it, 1);
 }
 
 /// Brings the tables up to date; what is missing there has gone meanwhile, and is logged.

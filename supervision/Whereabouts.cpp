@@ -137,13 +137,10 @@ void CBroker::FindReporters(std::map<std::string, ProcessId>& processes) {
 }
 
 void CBroker::DescribeMountOf(const std::string& strImage, admin::Whereabouts& whereabouts) {
-    bool bCounted = false;
-    {
-        const CLock lock{m_mtxMapEmp};
-        const auto it = m_mapEmp.find(strImage);
-        bCounted = it != m_mapEmp.end();
-        if (bCounted) whereabouts.mount.count = it->second;
-    }
+    const MountCounts counts = CopyMountCounts();
+    const auto it = counts.find(strImage);
+    const bool bCounted = it != counts.end();
+    if (bCounted) whereabouts.mount.count = it->second;
     whereabouts.mount.image = Text(strImage);
     if (!paths::IsFileName(strImage)) return;
 

@@ -1,6 +1,8 @@
 #include <boost/make_shared.hpp>
 #include <unistd.h>
 
+#include <chrono>
+#include <future>
 #include <limits>
 #include <ostream>
 #include <set>
@@ -131,6 +133,16 @@ TEST_F(BrokerStateTest, EmpsAreSortedAndToldWithTheirPlace) {
     EXPECT_THAT(State().emps,
                 ElementsAre(Emp("Clock", 3, "0003", 0, 4), Emp("Lost", 1, "0000", 0, 0),
                             Emp("Radio", 2, "0002", 0, 5), Emp("Weather", 2, "0001", 777, 2)));
+}
+
+TEST_F(BrokerStateTest, ItIsToldWhileAnImageIsBeingMounted) {
+    BrokerProbe::SetMountCount(m_Broker, "Weather", 2);
+    std::future<admin::BrokerState> state;
+    BrokerProbe::WhileMounting(m_Broker, [&] {
+        state = std::async(std::launch::async, [this] { return State(); });
+        EXPECT_EQ(state.wait_for(std::chrono::seconds{30}), std::future_status::ready);
+    });
+    EXPECT_THAT(state.get().mounts, ElementsAre(MountOf("Weather", 2, false)));
 }
 
 TEST_F(BrokerStateTest, ConnectionsAreSortedByEmpThenPort) {

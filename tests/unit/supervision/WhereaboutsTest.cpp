@@ -1,5 +1,7 @@
 #include <boost/make_shared.hpp>
 
+#include <chrono>
+#include <future>
 #include <ostream>
 #include <set>
 #include <string>
@@ -66,6 +68,16 @@ protected:
         ASSERT_TRUE(ConnectionDB().AddConnectionData({strEmp, strPort}, strClientPort));
     }
 };
+
+TEST_F(WhereaboutsTest, ItIsToldWhileAnImageIsBeingMounted) {
+    BrokerProbe::SetMountCount(m_Broker, "Weather", 2);
+    std::future<admin::Whereabouts> whereabouts;
+    BrokerProbe::WhileMounting(m_Broker, [&] {
+        whereabouts = std::async(std::launch::async, [this] { return Where("Weather"); });
+        EXPECT_EQ(whereabouts.wait_for(std::chrono::seconds{30}), std::future_status::ready);
+    });
+    EXPECT_EQ(whereabouts.get().mount.count, 2);
+}
 
 // ---- Files ----
 
