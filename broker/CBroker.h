@@ -341,7 +341,8 @@ private:
     void DescribeFiles(const std::string& strEmp, const std::string& strImage,
                        admin::Whereabouts& whereabouts);
     void DescribeServers(const std::string& strEmp, admin::Whereabouts& whereabouts);
-    void FindReporters(std::map<std::string, ProcessId>& processes);
+    void FindReporters(const std::string& strEmp, std::map<std::string, ProcessId>& processes);
+    bool Runs(const ProcessId& process) const;
     void DescribeMountOf(const std::string& strImage, admin::Whereabouts& whereabouts);
 
     /// Runs `pBody` on a detached thread that holds the broker in use. False when there is none.

@@ -355,7 +355,9 @@ void COpenOperation::StartAndAwaitReport() {
     OPEN_LOG(LEVEL_DETAIL, "EMP:[%s] Ticket(Serial:[%d]) has been inserted", m_strEmp.c_str(),
              m_spTicket->GetSerial());
     {
+        std::string strEmp = m_strEmp;  // its memory comes before the lock
         const CLock lock{m_Broker.m_mtxTicket};
+        m_spTicket->m_strEmp = std::move(strEmp);
         m_spTicket->m_bAwaitsReport = true;
     }
 

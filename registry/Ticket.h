@@ -41,6 +41,7 @@ public:
     std::string m_strSpare;   // not written by the broker
     std::string m_strOption;  // as reported; empty when the report had none
     std::string m_strName;
+    std::string m_strEmp;      // that it was used to start; empty: none, a server runs already
     bool m_bAnswered = false;  // a report has notified the opener
     CVokCondition m_Condition;
 

@@ -111,9 +111,15 @@ void CBroker::DescribeServers(const std::string& strEmp, admin::Whereabouts& whe
     const ConnectionMap connections = m_ConnectionDB.GetConnectionDB();
     for (const auto& entry : connections)
         if (entry.first.first == strEmp) processes[entry.first.second];
-    // Its ticket may have been pruned: but the process on record is that of the only server.
-    if (processes.size() == 1) processes.begin()->second = record.GetEmpProcess();
-    FindReporters(processes);
+    FindReporters(strEmp, processes);
+    if (processes.size() == 1) {
+        // Its ticket may have been pruned: but the process on record is that of the only server.
+        // One that has reported the port and runs is told before it: the record may be an earlier
+        // one's.
+        ProcessId& reporter = processes.begin()->second;
+        const ProcessId recorded = record.GetEmpProcess();
+        if (reporter.nPid <= 0 || (!Runs(reporter) && Runs(recorded))) reporter = recorded;
+    }
 
     for (const auto& [strPort, process] : processes) {
         admin::ServerState& server = whereabouts.servers.emplace_back();
@@ -125,15 +131,23 @@ void CBroker::DescribeServers(const std::string& strEmp, admin::Whereabouts& whe
     }
 }
 
-/// Fills in, by port, which process has reported it last. A port that none has reported, in what is
-/// kept of the tickets, is left as it is.
-void CBroker::FindReporters(std::map<std::string, ProcessId>& processes) {
+/// Fills in, by port, which process has reported it last for this EMP: a port that has become free
+/// may have been another EMP's since, or before. A port that none has reported, in what is kept of
+/// the tickets, is left as it is.
+void CBroker::FindReporters(const std::string& strEmp,
+                            std::map<std::string, ProcessId>& processes) {
     const CLock lock{m_mtxTicket};
     for (const auto& [nSerial, spTicket] : m_mapTicket) {
-        if (!spTicket || spTicket->m_Process.nPid <= 0) continue;
+        if (!spTicket || spTicket->m_Process.nPid <= 0 || spTicket->m_strEmp != strEmp) continue;
         const auto it = processes.find(spTicket->m_strPort);
         if (it != processes.end()) it->second = spTicket->m_Process;
     }
+}
+
+/// It, and no other process that has been given its pid. Asks the system, without a lock.
+bool CBroker::Runs(const ProcessId& process) const {
+    return process.nPid > 0 && process.nStartTime != 0 &&
+           m_Platform.pProcesses->Identify(process.nPid).nStartTime == process.nStartTime;
 }
 
 void CBroker::DescribeMountOf(const std::string& strImage, admin::Whereabouts& whereabouts) {

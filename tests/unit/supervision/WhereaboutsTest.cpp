@@ -55,8 +55,10 @@ protected:
     }
 
     /// A report that is kept.
-    void AddReported(unsigned int nSerial, const std::string& strPort, const ProcessId& process) {
+    void AddReported(unsigned int nSerial, const std::string& strPort, const ProcessId& process,
+                     const std::string& strEmp = "Weather") {
         const auto spTicket = boost::make_shared<Ticket>("-1");
+        spTicket->m_strEmp = strEmp;
         spTicket->m_strPort = strPort;
         spTicket->m_nPid = process.nPid;
         spTicket->m_Process = process;
@@ -257,6 +259,70 @@ TEST_F(WhereaboutsTest, EachServerHasTheProcessThatReportedItsPort) {
                                      IsServer("40124", 778, "", Clients{"40001"}),
                                      IsServer("40125", 0, "", Clients{"40001"})));
 }
+
+TEST_F(WhereaboutsTest, ProcessOfAnotherEmpAtThePortIsNotTold) {
+    // Weather has ended without a word; Clock has been given its port since, and Radio had it
+    // before.
+    AddKnown("Weather", "0002", EMP_OPENED);
+    for (const char* szPort : {"40123", "40124"}) Connect("Weather", szPort, "40001");
+    Connect("Clock", "40123", "40002");
+    AddReported(4, "40124", {600, 4711, 0}, "Radio");
+    AddReported(5, "40123", {777, 4711, 0}, "Weather");
+    AddReported(6, "40123", {778, 4711, 0}, "Clock");
+
+    EXPECT_THAT(Where("Weather").servers, ElementsAre(IsServer("40123", 777, "", Clients{"40001"}),
+                                                      IsServer("40124", 0, "", Clients{"40001"})));
+    EXPECT_THAT(Where("Clock").servers, ElementsAre(IsServer("40123", 778, "", Clients{"40002"})));
+}
+
+TEST_F(WhereaboutsTest, OpensTellTheirServersApartByTheirEmps) {
+    m_Fake.AddPreinstalled("Weather");
+    m_Fake.AddPreinstalled("Clock");
+    LetEmpsReport("40123|777", "0001");
+    ConnectionInfo info;
+    m_Broker.OpenEmp(info, "40001", "Weather", "1.0", "app");
+    ASSERT_EQ(info.empPort, "40123");
+    LetEmpsReport("40123|778", "0001");
+    m_Broker.OpenEmp(info, "40001", "Clock", "1.0", "app");
+    ASSERT_EQ(info.empPort, "40123");
+
+    EXPECT_THAT(Where("Weather").servers,
+                ElementsAre(IsServer("40123", 777, "", Clients{"40001"})));
+    EXPECT_THAT(Where("Clock").servers, ElementsAre(IsServer("40123", 778, "", Clients{"40001"})));
+}
+
+struct OnlyServerCase {
+    const char* szName;
+    unsigned long long nReporterStart;  // 0: nobody has reported the port; 4711 runs
+    unsigned long long nRecordedStart;
+    pid_t nTold;
+};
+void PrintTo(const OnlyServerCase& c, std::ostream* pStream) {
+    *pStream << c.szName;
+}
+
+class WhereaboutsOnlyServerTest : public WhereaboutsTest,
+                                  public ::testing::WithParamInterface<OnlyServerCase> {};
+
+/// 778 has reported the port, and 777 is on record.
+TEST_P(WhereaboutsOnlyServerTest, IsTheReporterUnlessOnlyTheProcessOnRecordRuns) {
+    const OnlyServerCase& c = GetParam();
+    AddKnown("Weather", "0001", EMP_OPENED);
+    EmpInfo().SetEmpProcess("Weather", {777, c.nRecordedStart});
+    Connect("Weather", "40123", "40001");
+    if (c.nReporterStart != 0) AddReported(5, "40123", {778, c.nReporterStart, 0});
+
+    EXPECT_THAT(Where("Weather").servers,
+                ElementsAre(IsServer("40123", c.nTold, "", Clients{"40001"})));
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, WhereaboutsOnlyServerTest,
+                         ::testing::Values(OnlyServerCase{"BothRun", 4711, 4711, 778},
+                                           OnlyServerCase{"ReporterRuns", 4711, 4710, 778},
+                                           OnlyServerCase{"RecordedRuns", 4710, 4711, 777},
+                                           OnlyServerCase{"BothHaveEnded", 4710, 4709, 778},
+                                           OnlyServerCase{"NobodyHasReported", 0, 4709, 777}),
+                         [](const auto& info) { return info.param.szName; });
 
 TEST_F(WhereaboutsTest, OnlyServerWhoseTicketHasGoneHasTheProcessOnRecord) {
     AddKnown("Weather", "0001", EMP_OPENED);
