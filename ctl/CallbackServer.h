@@ -20,9 +20,15 @@ struct ClientEvent {
 
 /// Serves VokEmpEvent on a free port of the loopback interface, from the constructor, which throws
 /// CFailure when that is not possible, to the destructor. Its port is the client's identity, and
-/// the broker takes a client whose port is not served for dead.
+/// the broker takes a client whose port is not served for dead. Peers that are connected and say
+/// nothing keep nobody else from it: where there are too many, the one that has been silent longest
+/// is shown out.
 class CCallbackServer {
 public:
+    /// Peers that are connected at the same time. More than a broker and its EMPs ever are: they
+    /// connect for a call, and leave.
+    static constexpr int kMostPeers = 64;
+
     CCallbackServer();
     ~CCallbackServer();
     CCallbackServer(const CCallbackServer&) = delete;
