@@ -2,6 +2,8 @@
 """Looks after a broker: asks its admin service, which only root reaches.
 
     admin.py state               what the broker knows, as JSON
+    admin.py where EMP           where an EMP lives, why, and what serves it now, as JSON
+    admin.py opens               the last opens that have ended, the newest first, as JSON
     admin.py sweep               close the connections of clients that no longer answer
     admin.py close-all APP [WIDGET]
                                  close every connection of an application
@@ -25,25 +27,26 @@ from vokadmin import VokBrokerAdmin
 SOCKET = "/run/vok-broker/admin.sock"
 
 
-@contextlib.contextmanager
-def broker():
+def connect():
     transport = TTransport.TBufferedTransport(TSocket.TSocket(unix_socket=SOCKET))
     transport.open()
-    try:
-        yield VokBrokerAdmin.Client(TBinaryProtocol(transport))
-    finally:
-        transport.close()
+    return transport
 
 
-def plain(value):
-    """Records as dictionaries, for JSON."""
-    return vars(value)
+def show(answer):
+    """As JSON: records are dictionaries there."""
+    print(json.dumps(answer, default=vars, indent=2))
 
 
 def run(command, *arguments):
-    with broker() as client:
+    with contextlib.closing(connect()) as transport:
+        client = VokBrokerAdmin.Client(TBinaryProtocol(transport))
         if command == "state" and not arguments:
-            print(json.dumps(client.GetState(), default=plain, indent=2))
+            show(client.GetState())
+        elif command == "where" and len(arguments) == 1:
+            show(client.Where(arguments[0]))
+        elif command == "opens" and not arguments:
+            show(client.GetOpens())
         elif command == "sweep" and not arguments:
             print("closed", client.SweepZombies())
         elif command == "close-all" and len(arguments) in (1, 2):
@@ -68,7 +71,8 @@ def main():
     try:
         return run(*sys.argv[1:])
     except (TException, OSError) as error:
-        print(f"The broker's admin service on {SOCKET} does not do it: {error}", file=sys.stderr)
+        reason = getattr(error, "message", None) or error
+        print(f"The broker's admin service on {SOCKET} does not do it: {reason}", file=sys.stderr)
         return 1
 
 
