@@ -35,6 +35,15 @@ constexpr std::array<LauncherCommand, 4> kLauncherCommands{{
      "the EMP is in use, or no launcher has that port: \"vokctl list\" shows who holds it"},
 }};
 
+/// Somebody at a terminal is told what the lack of an answer means; a script gets what there is.
+std::string ExecuteText(const std::string& strAnswer, const Style& style) {
+    if (!strAnswer.empty() || !style.bTerminal) return AnswerText(strAnswer, style);
+    return Line({{"(an empty answer: that of a command that tells nothing, as of one that is "
+                  "unknown or lacks an argument, which the broker logs)",
+                  eColour::Faint}},
+                style);
+}
+
 }  // namespace
 
 int RunVersion(const Options& options, COutput& output) {
@@ -53,12 +62,7 @@ int RunExecute(const Options& options, COutput& output) {
     if (options.bJson)
         output.AddDocument({{"cmd", options.strCmd}, {"answer", strAnswer}});
     else
-        output.Add(strAnswer.empty()
-                       ? Line({{"(an empty answer: that of a command that tells nothing, as of one "
-                                "that is unknown or lacks an argument, which the broker logs)",
-                                eColour::Faint}},
-                              output.GetStyle())
-                       : Line(strAnswer, output.GetStyle()));
+        output.Add(ExecuteText(strAnswer, output.GetStyle()));
     return EXIT_DONE;
 }
 

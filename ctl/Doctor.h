@@ -1,6 +1,8 @@
 /// Looks for what keeps a broker from serving, or an EMP from opening.
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -35,6 +37,7 @@ struct AdminLook {
 /// What the checks look at. A test replaces any of it.
 struct Patient {
     std::string strRoot;  // stands before every path; "" is the machine's own
+    uid_t nOwner = 0;     // as whom the broker runs: its folders are to belong to nobody else
     std::function<bool()> loopbackUp;
     std::function<PortLook()> port;
     std::function<AdminLook()> admin;

@@ -129,8 +129,11 @@ void CheckProcess(const Patient& patient, const Looks& looks, Findings& findings
 void CheckAdminFolder(const Patient& patient, Findings& findings) {
     const std::string strFolder = paths::kAdminFolder;
     struct stat info {};
+    // The broker follows no link there, either.
     if (::lstat((patient.strRoot + strFolder).c_str(), &info) != 0) return;
-    if (S_ISDIR(info.st_mode) && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0) return;
+    const bool bOwn = S_ISDIR(info.st_mode) && info.st_uid == patient.nOwner;
+    if (bOwn && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0) return;
+    // Not chown: what a stranger has put there would stay.
     findings.push_back(
         {eFinding::Problem, "admin folder",
          strFolder + " is not root's alone: a broker serves without its admin service",

@@ -30,8 +30,24 @@ bool Exists(const Patient& patient, const std::string& strPath) {
     return fs::exists(patient.strRoot + strPath, error);
 }
 
+/// Somebody who can put an EMP there has it run by the broker.
+void CheckWhoWrites(const Patient& patient, const std::string& strFolder, const struct stat& info,
+                    Findings& findings) {
+    if (info.st_uid != patient.nOwner)
+        findings.push_back({eFinding::Warning, "folder",
+                            strFolder + " belongs to user " + std::to_string(info.st_uid) +
+                                ": a program that this user puts there runs as root",
+                            "chown root:root " + strFolder});
+    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        findings.push_back({eFinding::Warning, "folder",
+                            strFolder + " can be written by others than its owner: whoever puts a "
+                                        "program there runs it as root",
+                            "chmod go-w " + strFolder});
+}
+
 void CheckFolder(const Patient& patient, const std::string& strFolder, Findings& findings) {
     struct stat info {};
+    // Of what a link leads to, as the broker, and as the cures.
     if (::stat((patient.strRoot + strFolder).c_str(), &info) != 0) {
         findings.push_back({eFinding::Warning, "folder",
                             strFolder + " is missing: no EMP lives there",
@@ -43,14 +59,10 @@ void CheckFolder(const Patient& patient, const std::string& strFolder, Findings&
                             "move it away, then mkdir -p " + strFolder});
         return;
     }
-    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        findings.push_back({eFinding::Warning, "folder",
-                            strFolder + " can be written by others than its owner: whoever puts a "
-                                        "program there runs it as root",
-                            "chmod go-w " + strFolder});
-        return;
-    }
-    findings.push_back({eFinding::Ok, "folder", strFolder + " is in order"});
+    const std::size_t nBefore = findings.size();
+    CheckWhoWrites(patient, strFolder, info, findings);
+    if (findings.size() == nBefore)
+        findings.push_back({eFinding::Ok, "folder", strFolder + " is in order"});
 }
 
 std::string PathIn(const std::string& strFolder, const std::string& strName) {

@@ -126,6 +126,17 @@ std::string ValidUtf8(std::string_view strBytes) {
     return strText;
 }
 
+std::string AnswerText(const std::string& strAnswer, const Style& style) {
+    if (!style.bTerminal) return strAnswer + '\n';
+    std::string strText;
+    for (std::size_t nStart = 0; nStart <= strAnswer.size();) {
+        const std::size_t nEnd = std::min(strAnswer.find('\n', nStart), strAnswer.size());
+        strText += Printable(strAnswer.substr(nStart, nEnd - nStart), style.bUtf8) + '\n';
+        nStart = nEnd + 1;
+    }
+    return strText;
+}
+
 int Width(std::string_view strText) {
     int nWidth = 0;
     for (std::size_t i = 0; i < strText.size();) nWidth += WidthOf(Next(strText, i));

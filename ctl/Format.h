@@ -27,6 +27,10 @@ std::string Printable(std::string_view strBytes, bool bUtf8);
 /// Any bytes as UTF-8: U+FFFD stands for each byte that is none.
 std::string ValidUtf8(std::string_view strBytes);
 
+/// What a peer has answered, and a line feed: to a terminal made safe, line by line; into a file or
+/// a pipe as it is.
+std::string AnswerText(const std::string& strAnswer, const Style& style);
+
 /// How many columns a text takes that `Printable` has made.
 int Width(std::string_view strText);
 

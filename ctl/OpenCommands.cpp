@@ -227,18 +227,6 @@ void CHold::Run() {
     m_Output.SetInterrupt(-1);
 }
 
-/// The answer itself: to a terminal made safe, line by line; into a file or a pipe as it is.
-std::string AnswerText(const std::string& strAnswer, const Style& style) {
-    if (!style.bTerminal) return strAnswer + '\n';
-    std::string strText;
-    for (std::size_t nStart = 0; nStart <= strAnswer.size();) {
-        const std::size_t nEnd = std::min(strAnswer.find('\n', nStart), strAnswer.size());
-        strText += Printable(strAnswer.substr(nStart, nEnd - nStart), style.bUtf8) + '\n';
-        nStart = nEnd + 1;
-    }
-    return strText;
-}
-
 int HoldOpen(const Options& options, COutput& output, CConnection& connection) {
     try {
         CHold(options, output, connection).Run();

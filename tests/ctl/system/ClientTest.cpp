@@ -275,7 +275,10 @@ TEST_F(ClientCommands, VersionAndExecute) {
     EXPECT_EQ(json::parse(Vokctl({"version", "--json"}).strOut)["broker"], "5.100");
     EXPECT_EQ(Vokctl({"execute", "GetVOKVersion"}).strOut, "5.100\n");
     EXPECT_EQ(json::parse(Vokctl({"execute", "--json", "Nonsense"}).strOut)["answer"], "");
-    EXPECT_THAT(Vokctl({"execute", "Nonsense"}).strOut, StartsWith("(an empty answer"));
+    EXPECT_EQ(Vokctl({"execute", "Nonsense"}).strOut, "\n") << "a pipe gets what was answered";
+    VokctlOptions terminal;
+    terminal.bTerminal = true;
+    EXPECT_THAT(Vokctl({"execute", "Nonsense"}, terminal).strOut, HasSubstr("(an empty answer"));
     EXPECT_EQ(
         Vokctl({"execute", "--arg1", "1", "__BROKER_CMD_NOTIFY_REGISTEREMP_SERVER", "L", "40"})
             .strOut,

@@ -1,16 +1,21 @@
 // vokctl where no broker serves, or what serves is none.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
+#include <sched.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
 
+#include "VokBroker.h"
 #include "platform/EmpPaths.h"
 #include "platform/Limits.h"
 #include "tests/ctl/support/CFakeAdmin.h"
@@ -20,6 +25,7 @@
 #include "tests/support/CEmpInstaller.h"
 #include "tests/support/CFakeEmp.h"
 #include "tests/support/CPrivateWorld.h"
+#include "tests/support/FakeServer.h"
 
 namespace vok::test {
 namespace {
@@ -59,7 +65,7 @@ const std::vector<std::vector<std::string>> kAsking{{"open", "X"},
                                                     {"sweep"},
                                                     {"close-all", "A"}};
 
-TEST(NoBroker, IsOneClearLineAndStatusThree) {
+void ExpectNoBrokerIsTold() {
     for (const auto& arguments : kAsking) {
         const VokctlResult result = Vokctl(arguments);
         EXPECT_EQ(result.nExit, 3) << arguments[0];
@@ -69,6 +75,48 @@ TEST(NoBroker, IsOneClearLineAndStatusThree) {
                                          HasSubstr("start vok-broker")))
             << arguments[0];
     }
+}
+
+TEST(NoBroker, IsOneClearLineAndStatusThree) {
+    ExpectNoBrokerIsTold();
+}
+
+/// In a network whose loopback interface has never been up, there is no way to where a broker would
+/// serve.
+class NoBrokerNorLoopback : public ::testing::Test {
+protected:
+    /// What a connection to the broker's port fails with.
+    static int ConnectErrno() {
+        const CUniqueFd fd{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(kBrokerPort);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return ::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0
+                   ? 0
+                   : errno;
+    }
+    void SetUp() override {
+        ASSERT_TRUE(m_Network.IsOpen());
+        ASSERT_EQ(::unshare(CLONE_NEWNET), 0) << std::strerror(errno);
+        ASSERT_EQ(ConnectErrno(), ENETUNREACH);
+    }
+    void TearDown() override { EXPECT_EQ(::setns(m_Network.Get(), CLONE_NEWNET), 0); }
+
+private:
+    const CUniqueFd m_Network{::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)};
+};
+
+TEST_F(NoBrokerNorLoopback, IsOneClearLineAndStatusThree) {
+    ExpectNoBrokerIsTold();
+}
+
+TEST_F(NoBrokerNorLoopback, IsAProblemThatTheDoctorFinds) {
+    const VokctlResult result = Vokctl({"doctor"});
+    EXPECT_EQ(result.nExit, 1);
+    EXPECT_EQ(result.strErr, "");
+    EXPECT_THAT(result.strOut, ContainsRegex("problem +loopback +lo is down"));
+    EXPECT_THAT(result.strOut, HasSubstr("; cure: ip link set lo up\n"));
 }
 
 TEST(NoBroker, IsFoundAlsoWhenJsonIsAskedFor) {
@@ -145,6 +193,31 @@ public:
 private:
     const CUniqueFd m_Socket;
 };
+
+/// A broker that answers every command with the same.
+class CAnsweringBroker : public VokBrokerNull {
+public:
+    explicit CAnsweringBroker(std::string strAnswer) : m_strAnswer(std::move(strAnswer)) {}
+    void Execute(std::string& _return, const std::string& /*arg1*/, const std::string& /*cmd*/,
+                 const std::string& /*arg3*/, const std::string& /*arg4*/,
+                 const std::string& /*arg5*/, const std::string& /*arg6*/) override {
+        _return = m_strAnswer;
+    }
+
+private:
+    const std::string m_strAnswer;
+};
+
+TEST(OddBroker, AnswerIsMadeSafeForATerminalOnly) {
+    const std::string strOdd = "a\x1B[2J\xFF\n\tb";
+    const CFakeServer broker{
+        std::make_shared<VokBrokerProcessor>(std::make_shared<CAnsweringBroker>(strOdd)),
+        kBrokerPort};
+    EXPECT_EQ(Vokctl({"execute", "X"}).strOut, strOdd + "\n") << "into a pipe it goes as it is";
+    VokctlOptions terminal;
+    terminal.bTerminal = true;
+    EXPECT_EQ(Vokctl({"execute", "X"}, terminal).strOut, "a\\x1B[2J\\xFF\r\n\\x09b\r\n");
+}
 
 TEST(SilentBroker, IsStatusFive) {
     const CSquatter squatter{true};

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -50,6 +51,7 @@ class Doctor : public ::testing::Test {
 protected:
     Doctor() {
         m_Patient.strRoot = m_Root.Path();
+        m_Patient.nOwner = ::geteuid();
         m_Patient.loopbackUp = [this] { return m_bLoopback; };
         m_Patient.port = [this] { return m_Port; };
         m_Patient.admin = [this] { return m_Admin; };
@@ -210,6 +212,45 @@ TEST_F(Doctor, LooksAtTheFolders) {
     EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("warning folder: /usr/bin/emps is missing")));
     Write("/usr/bin/emps", "");
     EXPECT_THAT(Complaints(), ElementsAre("problem folder: /usr/bin/emps is no folder"));
+}
+
+TEST_F(Doctor, LooksAtWhoOwnsTheFolders) {
+    Folder("/run/vok-broker");
+    EXPECT_THAT(Complaints(), IsEmpty());
+    ++m_Patient.nOwner;  // all is somebody else's
+    const std::string strOwner = " belongs to user " + std::to_string(::geteuid());
+    EXPECT_THAT(Complaints(),
+                ElementsAre(HasSubstr("problem admin folder: /run/vok-broker is not root's alone"),
+                            HasSubstr("warning folder: /opt/down/emps" + strOwner),
+                            HasSubstr("warning folder: /usr/bin/emps" + strOwner)));
+    EXPECT_THAT(AllText(), HasSubstr("; cure: chown root:root /opt/down/emps\n"));
+
+    fs::permissions(Path("/usr/bin/emps"), fs::perms(0777));
+    EXPECT_THAT(Complaints(),
+                ::testing::IsSupersetOf({HasSubstr("warning folder: /usr/bin/emps belongs to"),
+                                         HasSubstr("warning folder: /usr/bin/emps can be")}));
+}
+
+TEST_F(Doctor, LooksAtTheFolderThatALinkLeadsTo) {
+    Folder("/storage/emps");
+    fs::remove(Path("/opt/down/emps"));
+    fs::create_symlink("../../storage/emps", Path("/opt/down/emps"));
+    // Whose the link is tells nothing; only root can give it away, and need not for the rest.
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::lchown(Path("/opt/down/emps").c_str(), 12345, 12345), 0);
+    }
+    EXPECT_THAT(Complaints(), IsEmpty());
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(Path("/storage/emps").c_str(), 12345, 12345), 0);
+        EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("/opt/down/emps belongs to user 12345")));
+        ASSERT_EQ(::chown(Path("/storage/emps").c_str(), 0, 0), 0);
+    }
+    fs::permissions(Path("/storage/emps"), fs::perms(0770));
+    EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("/opt/down/emps can be written")));
+}
+
+TEST(ThisMachine, IsRootsOwn) {
+    EXPECT_EQ(ThisMachine(std::chrono::milliseconds(1)).nOwner, 0U);
 }
 
 TEST_F(Doctor, FindsFoldersThatNobodyLooksAt) {
