@@ -14,12 +14,8 @@ set(vok_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/vokbroker)
 set(vok_libexec_dir ${CMAKE_INSTALL_LIBEXECDIR}/vok-broker)
 set(vok_example_dir ${CMAKE_INSTALL_DOCDIR}-examples/examples)
 
-# zsh looks into Debian's folder in packages, and into the common one everywhere else.
-set(vok_zsh_default ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
-if(EXISTS /etc/debian_version AND CMAKE_INSTALL_PREFIX STREQUAL /usr)
-  set(vok_zsh_default ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
-endif()
-set(VOK_ZSH_COMPLETION_DIR ${vok_zsh_default} CACHE STRING "Where zsh finds completions")
+set(VOK_ZSH_COMPLETION_DIR "" CACHE STRING
+    "Where zsh finds completions; empty: where it looks on this system")
 
 # vok_read_constant(OUT HEADER NAME): what the code gives NAME, without quotes.
 function(vok_read_constant out header name)
@@ -79,7 +75,17 @@ function(vok_install_vokctl)
           COMPONENT broker)
   install(FILES ${PROJECT_SOURCE_DIR}/ctl/completion/vokctl.bash RENAME vokctl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT broker)
-  install(FILES ${PROJECT_SOURCE_DIR}/ctl/completion/_vokctl DESTINATION ${VOK_ZSH_COMPLETION_DIR}
+  # Below /usr, Debian's zsh looks into a folder of its own.
+  install(CODE "
+    set(vok_zsh_dir \"${VOK_ZSH_COMPLETION_DIR}\")
+    if(vok_zsh_dir STREQUAL \"\")
+      set(vok_zsh_dir ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+      if(EXISTS /etc/debian_version AND CMAKE_INSTALL_PREFIX STREQUAL /usr)
+        set(vok_zsh_dir ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+      endif()
+    endif()"
+    COMPONENT broker)
+  install(FILES ${PROJECT_SOURCE_DIR}/ctl/completion/_vokctl DESTINATION "\${vok_zsh_dir}"
           COMPONENT broker)
 endfunction()
 

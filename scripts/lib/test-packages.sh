@@ -18,7 +18,8 @@ packages_packages=(dpkg-dev file lintian debootstrap iproute2 util-linux squashf
 
 package_names=(vok-broker libvokbroker5 libvokbroker-dev vok-broker-examples)
 package_ready_flag=/tmp/vok_ready
-package_example_client=/usr/libexec/vok-broker/examples/example-client
+package_programs=/usr/libexec/vok-broker
+package_example_client=$package_programs/examples/example-client
 # Five attempts to mount an update of the plug-in set, and a busy machine.
 package_start_seconds=45
 # Units to compare with: of the packages dbus, systemd and dbus-broker.
@@ -84,7 +85,25 @@ packages_read() {
   for name in "${package_names[@]}"; do
     check "there is $name" packages_has "$name"
   done
+  check "an empty plug-in set that was there before the examples outlives them" \
+    packages_plugin_set_stays before
+  check "one that they have made goes with them" packages_plugin_set_stays after
   check "the host library shows nothing but vok_ functions and vok::CBroker" packages_exports
+}
+
+# The scripts of the examples' package, on a tree of their own: somebody's plug-in set stays.
+packages_plugin_set_stays() {
+  local tree=$package_folder/plugins made=$1 folder
+  folder=$tree/opt/down/pepper/webapis
+  rm -rf "$tree"
+  mkdir -p "$tree"
+  if [[ $made == before ]]; then mkdir -p "$folder"; fi
+  DPKG_ROOT=$tree sh "$root/packaging/debian/examples/postinst" configure &&
+    DPKG_ROOT=$tree sh "$root/packaging/debian/examples/postinst" configure &&
+    [[ -d $folder ]] &&
+    DPKG_ROOT=$tree sh "$root/packaging/debian/examples/postrm" remove &&
+    DPKG_ROOT=$tree sh "$root/packaging/debian/examples/postrm" purge || return
+  if [[ $made == before ]]; then [[ -d $folder ]]; else [[ ! -e $tree/opt/down ]]; fi
 }
 
 packages_has() { [[ -f $(echo "$package_folder/1/$1"_*.deb) ]]; }
@@ -180,13 +199,21 @@ packages_serves() { inside test -e "$package_ready_flag"; }
 
 packages_use_by_hand() {
   heading "The daemon, started by hand"
-  check "it puts itself into the background" inside /usr/bin/vok-broker
-  check_soon "$package_start_seconds" "it serves" packages_serves
+  # As the unit starts it, but through a link, as /bin is one.
+  inside ln -s bin /usr/link-to-bin
+  check "it puts itself into the background, where launch finds it" \
+    inside "$package_programs/launch" /usr/link-to-bin/vok-broker /run/vok-broker.pid
+  inside rm /usr/link-to-bin
+  check "it is awaited until it serves" \
+    inside timeout "$package_start_seconds" "$package_programs/await-ready" /run/vok-broker.pid
+  check "it serves" packages_serves
   packages_use
   check "the host library works, too: a second broker finds the port taken" \
     packages_host_is_refused
   local pid
   pid=$(pid_inside /usr/bin/vok-broker)
+  check "launch has written which process it is" \
+    test "$(inside cat /run/vok-broker.pid)" = "$pid"
   inside_kill TERM "$pid"
   check_soon 10 "it stops, and takes its flag along" packages_has_stopped "$pid"
 }
