@@ -8,6 +8,7 @@
 #include <thrift/transport/TSocket.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <new>
 #include <string>
@@ -77,6 +78,12 @@ protected:
             return false;
         }
     }
+    /// Waits until the server has done with everybody.
+    bool EveryClientHasLeft() {
+        for (int i = 0; i < 30'000 && m_Server.getConcurrentClientCount() > 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds{1});
+        return m_Server.getConcurrentClientCount() == 0;
+    }
     std::shared_ptr<TSocket> Connected() const {
         auto pSocket = std::make_shared<TSocket>(m_Folder.Path("socket"));
         pSocket->open();
@@ -102,6 +109,7 @@ TEST_F(CRpcServerTest, ClientWaitsUntilThereIsADescriptor) {
     // What has been called before, UBSan knows, and opens no pipe of its own to look at.
     VOK_LOG(LEVEL_ERROR, "%s", TTransportException(TTransportException::UNKNOWN).what());
     ASSERT_TRUE(IsServed(Connected()));
+    ASSERT_TRUE(EveryClientHasLeft());  // what its thread calls last belongs to that, too
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     (void)m_Folder.Path("socket").copy(address.sun_path, sizeof address.sun_path - 1);
