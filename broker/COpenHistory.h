@@ -31,10 +31,10 @@ struct OpenTrace {
     static Moment Now() { return std::chrono::steady_clock::now().time_since_epoch(); }
 
     Moment begin;
-    Moment located;   // and it is clear that a server must start
+    Moment located;   // and it is clear that a server must start, or is being started
     Moment mounted;   // by this open
     Moment started;   // handed to the thread that forks, or taken by the launcher
-    Moment reported;  // by the EMP
+    Moment reported;  // by the EMP; of a reused one, to somebody else's open, for which this waited
     Moment answered;
     std::int64_t nSerial;  // -1: no ticket
     eEmpLocation location;

@@ -83,7 +83,7 @@ bool CBroker::AwaitSettledStatus(const std::string& strEmp, EMP_STATUS eStatus) 
             CHECK_LOG(LEVEL_ERROR, "[%s]'s status is EMP_NOT_FOUND - return error", strEmp.c_str());
             return false;
         }
-        const bool bTransitional = eStatus == EMP_ADDED || eStatus == EMP_PENDING;
+        const bool bTransitional = IsTransitional(eStatus);
         if (bTransitional) m_Platform.pClock->Sleep(kStatusPoll);
         if (i % kStatusLogEvery == 0)
             CHECK_LOG(LEVEL_DETAIL, "[%s] Wait for status[%d] change", strEmp.c_str(), eStatus);

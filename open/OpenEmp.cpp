@@ -53,6 +53,7 @@ private:
     bool ChooseServer();
     bool ChooseServerOfKnownEmp(EMP_STATUS eStatus);
     void ReuseServer(std::string&& strPort);
+    void NoteWait(OpenTrace::Moment begin);
     void RaiseMountCount();
     void CountMountedImage() VOK_REQUIRES(m_Broker.m_mtxMapEmp);
     void MountImage() VOK_REQUIRES(m_Broker.m_mtxMapEmp);
@@ -219,6 +220,9 @@ bool COpenOperation::ChooseServer() {
 }
 
 bool COpenOperation::ChooseServerOfKnownEmp(EMP_STATUS eStatus) {
+    // No look at the clock for a server that runs.
+    const OpenTrace::Moment waitBegin =
+        IsTransitional(eStatus) ? OpenTrace::Now() : OpenTrace::Moment::zero();
     if (!m_Broker.AwaitSettledStatus(m_strEmp, eStatus)) return false;
 
     m_strOption = m_Broker.m_EmpInfo.OptionOf(m_strEmp);
@@ -229,6 +233,7 @@ bool COpenOperation::ChooseServerOfKnownEmp(EMP_STATUS eStatus) {
             OPEN_LOG(LEVEL_DETAIL, "Singleton EMP: existing empPort[%s] will be used",
                      strPort.c_str());
             ReuseServer(std::move(strPort));
+            NoteWait(waitBegin);
             break;
         case eServerChoice::Refuse:
             OPEN_LOG(LEVEL_TRACE,
@@ -262,6 +267,13 @@ void COpenOperation::ReuseServer(std::string&& strPort) {
     m_strEmpPort = std::move(strPort);
     const CLock lock{m_Broker.m_mtxTicket};
     m_spTicket->m_strPort = m_strEmpPort;
+}
+
+/// Of an open that found another one starting the server: it has waited for that one's report.
+void COpenOperation::NoteWait(OpenTrace::Moment begin) {
+    if (begin == OpenTrace::Moment::zero()) return;
+    m_Trace.located = begin;
+    m_Trace.reported = OpenTrace::Now();
 }
 
 void COpenOperation::RaiseMountCount() {

@@ -89,7 +89,10 @@ std::optional<MountEntry> FindMount(std::string_view strMountInfo, std::string_v
     while (!strMountInfo.empty()) {
         const std::size_t nEnd = strMountInfo.find('\n');
         auto entry = ParseLine(strMountInfo.substr(0, nEnd), strMountPoint);
-        if (entry) found = std::move(entry);
+        if (entry) {
+            if (found) entry->nStacked = found->nStacked + 1;
+            found = std::move(entry);
+        }
         strMountInfo.remove_prefix(nEnd == std::string_view::npos ? strMountInfo.size() : nEnd + 1);
     }
     return found;

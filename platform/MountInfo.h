@@ -13,6 +13,7 @@ struct MountEntry {
     std::string strFileSystem;
     unsigned int nMajor = 0;  // of the mounted device
     unsigned int nMinor = 0;
+    unsigned int nStacked = 1;  // mounts on that point, this one included
 };
 
 /// Finds `strMountPoint` (absolute, without a trailing '/') in the text of a mountinfo file. Of

@@ -22,6 +22,11 @@ enum EMP_STATUS : int {
     EMP_RESERVED6 = 6,  // never set by the broker
 };
 
+/// Somebody is about to settle it: whoever needs to know waits.
+inline bool IsTransitional(EMP_STATUS eStatus) {
+    return eStatus == EMP_ADDED || eStatus == EMP_PENDING;
+}
+
 /// One EMP's record. No lock of its own: its table's lock guards it.
 class CEmpDataInfo {
 public:

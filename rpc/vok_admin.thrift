@@ -72,10 +72,11 @@ struct OpenTimes {
   5: i32 outcome     // 0 refused, 1 failed, 2 connected to a server that ran, 3 its server was started
   6: i64 agoMs       // since it began
   7: i64 locatedUs   // its place is known, other opens of it have been waited for, and a server must
-                     // start; -1, too, when it was connected to a server that ran
+                     // start; -1, too, when it was connected to a server that ran and was not waited for
   8: i64 mountedUs   // its image is mounted (only where this open mounted one)
   9: i64 startedUs   // the start is under way: in the hands of the thread that forks, or of the launcher
-  10: i64 reportedUs // the EMP has reported its port
+  10: i64 reportedUs // the EMP has reported its port. With outcome 2: somebody else's open was starting
+                     // its server, and has been waited for, from locatedUs on
   11: i64 answeredUs // the answer is ready, whatever it says; a failure has been undone by then
 }
 
@@ -112,6 +113,9 @@ struct Whereabouts {
   10: string mountPoint              // empty: it has no image
   11: string mountSource             // what the kernel has mounted there (device or image), empty: nothing
   12: string fileSystem              // squashfs, ext4, ...; empty: nothing
+  13: i32 mounts                     // on the mount point, one over the other; the two above are the topmost
+  14: list<LauncherState> ownGroups    // the grouping processes that have this name themselves
+  15: list<LauncherState> ownLaunchers // the register launchers that have it
 }
 
 // What was asked makes no sense.

@@ -19,6 +19,14 @@ LauncherTable ThoseOf(const std::string& strEmp, const LauncherTable& table) {
     return those;
 }
 
+/// The part of a table that is called so itself.
+LauncherTable ThoseCalled(const std::string& strName, const LauncherTable& table) {
+    LauncherTable those;
+    for (const auto& launcher : table)
+        if (launcher.first.first == strName) those.insert(launcher);
+    return those;
+}
+
 /// Looks at files, and writes down what it has found.
 class CFileList {
 public:
@@ -66,16 +74,22 @@ void CBroker::GetWhereabouts(const std::string& strEmp, admin::Whereabouts& wher
 std::string CBroker::DescribeHosts(const std::string& strEmp, admin::Whereabouts& whereabouts) {
     LauncherTable groups;
     LauncherTable launchers;
+    LauncherTable ownGroups;
+    LauncherTable ownLaunchers;
     {
         const CLock lock{m_mtxGroupingEmp};
         groups = ThoseOf(strEmp, m_mapGroupingEmp);
+        ownGroups = ThoseCalled(strEmp, m_mapGroupingEmp);
     }
     {
         const CLock lock{m_mtxRegisterEmp};
         launchers = ThoseOf(strEmp, m_mapRegisterEmp);
+        ownLaunchers = ThoseCalled(strEmp, m_mapRegisterEmp);
     }
     whereabouts.groups = Describe(groups);
     whereabouts.launchers = Describe(launchers);
+    whereabouts.ownGroups = Describe(ownGroups);
+    whereabouts.ownLaunchers = Describe(ownLaunchers);
     return groups.empty() ? std::string() : groups.begin()->first.first;
 }
 
@@ -170,6 +184,7 @@ void CBroker::DescribeMountOf(const std::string& strImage, admin::Whereabouts& w
     if (!mounted) return;
     whereabouts.mountSource = Text(mounted->strSource);
     whereabouts.fileSystem = Text(mounted->strFileSystem);
+    whereabouts.mounts = static_cast<std::int32_t>(mounted->nStacked);
 }
 
 }  // namespace vok

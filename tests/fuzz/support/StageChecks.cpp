@@ -135,7 +135,8 @@ void CStage::CheckWhereabouts(const admin::Whereabouts& whereabouts) {
     RequireTexts({whereabouts.empName, whereabouts.option, whereabouts.mount.image,
                   whereabouts.mountPoint, whereabouts.mountSource, whereabouts.fileSystem});
     for (const admin::FileState& file : whereabouts.files) RequireTexts({file.path, file.role});
-    for (const auto* pTable : {&whereabouts.launchers, &whereabouts.groups}) {
+    for (const auto* pTable : {&whereabouts.launchers, &whereabouts.groups,
+                               &whereabouts.ownLaunchers, &whereabouts.ownGroups}) {
         for (const auto& launcher : *pTable) {
             RequireTexts({launcher.name, launcher.port});
             RequireTexts(launcher.emps);

@@ -14,6 +14,7 @@ TEST(FindMount, ReadsALine) {
     EXPECT_EQ(entry->strFileSystem, "squashfs");
     EXPECT_EQ(entry->nMajor, 7u);
     EXPECT_EQ(entry->nMinor, 3u);
+    EXPECT_EQ(entry->nStacked, 1u);
 }
 
 TEST(FindMount, TakesTheLastOfSeveral) {
@@ -24,6 +25,7 @@ TEST(FindMount, TakesTheLastOfSeveral) {
     ASSERT_TRUE(entry.has_value());
     EXPECT_EQ(entry->strSource, "/dev/top");
     EXPECT_EQ(entry->nMinor, 70000u);
+    EXPECT_EQ(entry->nStacked, 2u);
 }
 
 struct FoundCase {

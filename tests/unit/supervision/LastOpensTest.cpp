@@ -126,6 +126,32 @@ TEST_F(LastOpensTest, ReuseHasNoSteps) {
     EXPECT_EQ(TheOpen().clientPort, "40002");
 }
 
+TEST_F(LastOpensTest, ReuseOfAServerThatSomebodyElseIsStartingHasItsWait) {
+    m_Fake.AddPreinstalled("Weather");
+    AddKnown("Weather", "0001", EMP_ADDED);
+    m_Fake.clock.OnSleep([this](int) {
+        // The other open comes to its end.
+        if (EmpInfo().StatusOf("Weather") != EMP_ADDED) return;
+        ConnectionDB().AddConnectionData({"Weather", "40123"}, "40001");
+        EmpInfo().SetStatusOf("Weather", EMP_OPENED);
+    });
+
+    ASSERT_EQ(Open("Weather", "40002").empPort, "40123");
+
+    EXPECT_THAT(TheOpen(), IsOpen(2, 2, 2, "LR."));
+}
+
+TEST_F(LastOpensTest, StartAfterAWaitHasTheStepsOfAStart) {
+    m_Fake.AddPreinstalled("Weather");
+    AddKnown("Weather", "0001", EMP_ADDED);
+    m_Fake.clock.OnSleep([this](int) { EmpInfo().SetStatusOf("Weather", EMP_CLOSED); });
+    LetEmpsReport("40123|777", "0001");
+
+    ASSERT_EQ(Open("Weather").empPort, "40123");
+
+    EXPECT_THAT(TheOpen(), IsOpen(2, 2, 3, "LSR."));
+}
+
 TEST_F(LastOpensTest, RefusalBeforeTheTicketHasNoSerial) {
     Open("Nowhere");
     Open("Broker");

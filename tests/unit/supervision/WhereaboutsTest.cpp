@@ -346,6 +346,19 @@ TEST_F(WhereaboutsTest, ProgramOfAnotherProcessWithThePidIsNotTold) {
                 ElementsAre(IsServer("40123", 777, "", Clients{"40001"})));
 }
 
+// ---- What is a host itself ----
+
+TEST_F(WhereaboutsTest, HostIsToldByItsOwnName) {
+    BrokerProbe::SetGroup(m_Broker, "Home", "40200", {"Clock", "Mail"});
+    BrokerProbe::SetLauncher(m_Broker, "Tuner", "40100", {"Radio"});
+
+    EXPECT_THAT(Names(Where("Home").ownGroups), ElementsAre("Home|40200"));
+    EXPECT_THAT(Where("Home").groups, IsEmpty());
+    EXPECT_THAT(Names(Where("Tuner").ownLaunchers), ElementsAre("Tuner|40100"));
+    EXPECT_THAT(Where("Clock").ownGroups, IsEmpty());
+    EXPECT_THAT(Where("Radio").ownLaunchers, IsEmpty());
+}
+
 // ---- Mount ----
 
 MATCHER_P3(IsMount, strImage, nCount, bMounted, "") {
@@ -364,6 +377,18 @@ TEST_F(WhereaboutsTest, MountedImageIsToldAsTheKernelHasIt) {
     EXPECT_EQ(whereabouts.mountPoint, "/opt/down/emps/empWeather");
     EXPECT_EQ(whereabouts.mountSource, "/dev/loop3");
     EXPECT_EQ(whereabouts.fileSystem, "squashfs");
+    EXPECT_EQ(whereabouts.mounts, 1);
+}
+
+TEST_F(WhereaboutsTest, MountsOneOverTheOtherAreCounted) {
+    m_Fake.AddMounted("Weather");
+    MountEntry topmost{"/dev/loop4", "squashfs"};
+    topmost.nStacked = 2;
+    m_Fake.mounter.SetMountedOn("/opt/down/emps/empWeather", topmost);
+
+    EXPECT_EQ(Where("Weather").mounts, 2);
+    EXPECT_EQ(Where("Weather").mountSource, "/dev/loop4");
+    EXPECT_EQ(Where("Clock").mounts, 0);
 }
 
 TEST_F(WhereaboutsTest, OfAHostedEmpItIsTheGroupsImage) {
