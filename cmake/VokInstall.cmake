@@ -12,6 +12,8 @@ set(vok_config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vokbroker)
 set(vok_idl_dir ${CMAKE_INSTALL_DATADIR}/vokbroker)
 set(vok_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/vokbroker)
 set(vok_libexec_dir ${CMAKE_INSTALL_LIBEXECDIR}/vok-broker)
+set(vok_doc_dir ${CMAKE_INSTALL_DOCDIR})
+set(vok_dev_doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/libvokbroker-dev)
 set(vok_example_dir ${CMAKE_INSTALL_DOCDIR}-examples/examples)
 
 set(VOK_ZSH_COMPLETION_DIR "" CACHE STRING
@@ -61,6 +63,8 @@ function(vok_install_broker)
           RENAME vok-broker.conf COMPONENT broker)
   install(FILES ${PROJECT_SOURCE_DIR}/docs/man/vok-broker.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
           COMPONENT broker)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/INTEGRATION.md DESTINATION ${vok_doc_dir}
+          COMPONENT broker)
   # The broker looks there whatever the prefix is, so the folder is for /usr only.
   install(CODE "
     if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
@@ -73,6 +77,7 @@ function(vok_install_vokctl)
   install(TARGETS vokctl RUNTIME COMPONENT broker)
   install(FILES ${PROJECT_SOURCE_DIR}/docs/man/vokctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
           COMPONENT broker)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/VOKCTL.md DESTINATION ${vok_doc_dir} COMPONENT broker)
   install(FILES ${PROJECT_SOURCE_DIR}/ctl/completion/vokctl.bash RENAME vokctl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT broker)
   # Below /usr, Debian's zsh looks into a folder of its own.
@@ -147,6 +152,9 @@ function(vok_install_dev)
   install(FILES ${made}/vokbroker.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
   install(FILES ${PROJECT_SOURCE_DIR}/docs/man/vok-emp.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
           COMPONENT dev)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/WRITING_AN_EMP.md
+                ${PROJECT_SOURCE_DIR}/docs/WRITING_A_LAUNCHER.md
+          DESTINATION ${vok_dev_doc_dir} COMPONENT dev)
 endfunction()
 
 # To look at and copy, to run, and an EMP that is where the broker looks for it.

@@ -82,7 +82,8 @@ It finds out where an EMP lives, mounts its image, starts its process, waits
 until it reports its port, and hands out the address; it knows who uses what,
 and cleans up behind them.
 .
-This package contains the daemon and its unit."
+This package contains the daemon and its unit, and vokctl, which asks a broker
+what it knows, opens EMPs through it, and looks for what keeps it from serving."
   SUGGESTS "vok-broker-examples, libvokbroker-dev"
   CONTROL postinst prerm postrm)
 vok_package(library libvokbroker${PROJECT_VERSION_MAJOR} libs
@@ -106,7 +107,7 @@ vok_package(examples vok-broker-examples misc
   "EMPs, launchers, clients in C++ and Python, and a host process, as sources to
 copy from and as programs to try; and an EMP \"Example\" where the broker finds
 it."
-  DEPENDS "vok-broker, libvokbroker${PROJECT_VERSION_MAJOR} (= ${vok_deb_version})"
+  DEPENDS "vok-broker (= ${vok_deb_version}), libvokbroker${PROJECT_VERSION_MAJOR} (= ${vok_deb_version})"
   SUGGESTS "libvokbroker-dev, python3-thrift, python3-six"
   CONTROL examples/postinst examples/postrm)
 

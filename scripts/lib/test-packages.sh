@@ -89,6 +89,11 @@ packages_read() {
     packages_plugin_set_stays before
   check "one that they have made goes with them" packages_plugin_set_stays after
   check "the host library shows nothing but vok_ functions and vok::CBroker" packages_exports
+  check "who looks after a set finds INTEGRATION.md and VOKCTL.md" \
+    packages_document vok-broker INTEGRATION.md VOKCTL.md
+  check "who writes EMPs and launchers finds the guides" \
+    packages_document libvokbroker-dev WRITING_AN_EMP.md WRITING_A_LAUNCHER.md
+  check "the examples are for this very release of the broker" packages_examples_match
 }
 
 # The scripts of the examples' package, on a tree of their own: somebody's plug-in set stays.
@@ -107,6 +112,23 @@ packages_plugin_set_stays() {
 }
 
 packages_has() { [[ -f $(echo "$package_folder/1/$1"_*.deb) ]]; }
+
+# packages_document NAME FILE...: the package has these documents.
+packages_document() {
+  local package=$1 files file
+  files=$(dpkg-deb -c "$package_folder/1/$package"_*.deb) || return
+  shift
+  for file in "$@"; do
+    grep -q " \./usr/share/doc/$package/$file\$" <<<"$files" || return
+  done
+}
+
+packages_examples_match() {
+  local version
+  version=$(dpkg-deb -f "$package_folder"/1/vok-broker_*.deb Version) || return
+  dpkg-deb -f "$package_folder"/1/vok-broker-examples_*.deb Depends |
+    grep -qF "vok-broker (= $version)"
+}
 
 packages_exports() {
   local tree=$package_folder/tree others
