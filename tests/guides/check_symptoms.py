@@ -41,6 +41,9 @@ UNEXPLAINED = {
 }
 
 
+FENCED = re.compile(r"^```.*?^```$", re.S | re.M)
+
+
 def pattern_of(text_format):
     pieces = CONVERSION.split(text_format)
     for i, piece in enumerate(pieces):
@@ -63,9 +66,9 @@ def shown_messages(region):
 
 
 def is_shown(text_format, region):
-    """Anywhere: what every failure ends with stands above the tables."""
+    """Anywhere but in a block of commands: what every failure ends with stands above the tables."""
     pattern = pattern_of(text_format)
-    texts = re.findall(r"`([^`]+)`", region)
+    texts = re.findall(r"`([^`]+)`", FENCED.sub("", region))
     return any(pattern.fullmatch(text.replace("\\|", "|").replace("\n", " ")) for text in texts)
 
 
@@ -102,6 +105,7 @@ def try_itself():
                         ("`EMP [a] is gone.`, `no`", False)):
         assert (not findings(table.format(cell), [Message], ())) == right, cell
     assert findings(table.format("`EMP [a] is gone.`"), [Message], ("a reason",))
+    assert not findings("```sh run\nls\n```\n\n" + table.format("`EMP [a] is gone.`"), [Message], ())
     assert findings("no marks", [], ())
 
 
