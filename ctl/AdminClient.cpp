@@ -48,11 +48,16 @@ const std::string kService = std::string("the admin service on ") + paths::kAdmi
 }  // namespace
 
 template <typename Act>
+void CAdminClient::AskSocket(Act act) const {
+    const CPatience patience{m_Waiting.patience, m_Waiting.nInterrupt};
+    CRpc<admin::VokBrokerAdminClient> rpc{ConnectUnix(paths::kAdminSocket, patience)};
+    rpc.Call(act);
+}
+
+template <typename Act>
 void CAdminClient::Ask(Act act) const {
     try {
-        const CPatience patience{m_Waiting.patience, m_Waiting.nInterrupt};
-        CRpc<admin::VokBrokerAdminClient> rpc{ConnectUnix(paths::kAdminSocket, patience)};
-        rpc.Call(act);
+        AskSocket(act);
     } catch (const admin::BadRequest& refused) {
         throw CFailure(EXIT_FAILED, "the broker refuses: " + refused.message);
     } catch (const CCallError& error) {
@@ -65,6 +70,12 @@ using Client = admin::VokBrokerAdminClient;
 admin::BrokerState CAdminClient::GetState() const {
     admin::BrokerState state;
     Ask([&](Client& client) { client.GetState(state); });
+    return state;
+}
+
+admin::BrokerState CAdminClient::GetStateOfSocket() const {
+    admin::BrokerState state;
+    AskSocket([&](Client& client) { client.GetState(state); });
     return state;
 }
 

@@ -16,6 +16,9 @@ public:
     explicit CAdminClient(Waiting waiting) : m_Waiting(waiting) {}
 
     admin::BrokerState GetState() const;
+    /// As GetState, but judges the admin socket only, not whether a broker serves without it.
+    /// Throws CCallError.
+    admin::BrokerState GetStateOfSocket() const;
     admin::Whereabouts Where(const std::string& strEmp) const;
     std::vector<admin::OpenTimes> GetOpens() const;
     void SetDebugLevel(int nLevel) const;
@@ -26,6 +29,8 @@ public:
 private:
     template <typename Act>
     void Ask(Act act) const;
+    template <typename Act>
+    void AskSocket(Act act) const;
 
     Waiting m_Waiting;
 };

@@ -17,6 +17,9 @@ constexpr std::array<PhaseLook, PHASES> kLooks{{
     {"answered", 'a', "\u2594", eColour::Green, "#5b9a68"},
 }};
 
+constexpr int kReused = 2;
+constexpr char kWaited[] = "waited";
+
 /// The longest bar: what the rest of the table leaves of the terminal.
 constexpr int kLeastBar = 12;
 constexpr int kMostBar = 40;
@@ -94,7 +97,7 @@ CTable Rows(const std::vector<OpenSpans>& opens, bool bPhases, int nBar, const S
     for (const OpenSpans& open : opens) {
         std::vector<Cell> cells{
             open.record.empName,
-            Cell(OutcomeText(open.record.outcome), IsFailed(open) ? eColour::Red : eColour::None),
+            Cell(OutcomeOf(open.record), IsFailed(open) ? eColour::Red : eColour::None),
             Duration(std::chrono::milliseconds(open.record.agoMs)), Elapsed(open.nTotalUs)};
         for (int i = 0; bPhases && i < PHASES; ++i)
             cells.emplace_back(PhaseText(open.phasesUs[static_cast<std::size_t>(i)]));
@@ -151,20 +154,30 @@ std::vector<OpenSpans> LongestFirst(const std::vector<admin::OpenTimes>& opens,
     return all;
 }
 
+std::string OutcomeOf(const admin::OpenTimes& open) {
+    return open.outcome == kReused && open.reportedUs >= 0 ? kWaited : OutcomeText(open.outcome);
+}
+
+std::string NoOpens(const std::string& strEmp, std::size_t nAll) {
+    if (nAll == 0) return "No open has ended yet.";
+    return "No open of " + strEmp + " is among the last " + std::to_string(nAll) + '.';
+}
+
 std::string BlameSummary(const std::vector<OpenSpans>& opens) {
     std::vector<std::string> texts;
-    for (const int nOutcome : {3, 2, 1, 0}) {
+    for (const std::string& strOutcome : {OutcomeText(3), OutcomeText(kReused),
+                                          std::string(kWaited), OutcomeText(1), OutcomeText(0)}) {
         const auto nCount = std::count_if(opens.begin(), opens.end(), [&](const OpenSpans& open) {
-            return open.record.outcome == nOutcome;
+            return OutcomeOf(open.record) == strOutcome;
         });
-        if (nCount > 0) texts.push_back(std::to_string(nCount) + ' ' + OutcomeText(nOutcome));
+        if (nCount > 0) texts.push_back(std::to_string(nCount) + ' ' + strOutcome);
     }
     return Count(static_cast<std::int64_t>(opens.size()), "open", "opens") + ", " +
            Elapsed(TotalUs(opens)) + ": " + Join(texts, ", ");
 }
 
 std::string BlameReport(const std::vector<OpenSpans>& opens, const Style& style) {
-    if (opens.empty()) return Line("No open has ended yet.", style);
+    if (opens.empty()) return Line(NoOpens("", 0), style);
     const bool bPhases = style.nWidth == 0 || style.nWidth >= kRoomForPhases;
     int nBar = kMostBar;
     if (style.nWidth > 0) {

@@ -37,8 +37,15 @@ struct OpenSpans {
 std::vector<OpenSpans> LongestFirst(const std::vector<admin::OpenTimes>& opens,
                                     const std::string& strEmp, int nMost);
 
+/// Why there is none to show: of this EMP, if one is named, among so many.
+std::string NoOpens(const std::string& strEmp, std::size_t nAll);
+
 /// A table with a bar for each open, and what all took together.
 std::string BlameReport(const std::vector<OpenSpans>& opens, const Style& style);
+
+/// How an open ended, in a word. One that was connected to a server which somebody else's open was
+/// starting has "waited" for that one's report; what it notes as located and reported is the wait.
+std::string OutcomeOf(const admin::OpenTimes& open);
 
 /// "12 opens, 3.20 s: 5 started, 6 reused, 1 failed".
 std::string BlameSummary(const std::vector<OpenSpans>& opens);

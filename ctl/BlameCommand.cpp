@@ -8,18 +8,42 @@
 
 namespace vok::ctl {
 
+namespace {
+
+/// The picture, and what to say of it: beside a file, but never into what it was written to.
+void Draw(const Options& options, COutput& output, const std::vector<OpenSpans>& opens,
+          const std::string& strNone) {
+    const std::string strSvg = BlameSvg(opens, strNone);
+    const std::string strText =
+        options.strSvg + ": " + (opens.empty() ? strNone : BlameSummary(opens));
+    if (options.strSvg == "-") {
+        output.Add(strSvg);
+        output.Flush();
+        output.AddNote(strText);
+        return;
+    }
+    const bool bFile = IsFileOrMissing(options.strSvg);
+    WriteFileAtOnce(options.strSvg, strSvg);
+    if (!bFile)
+        output.AddNote(strText);
+    else if (!options.bJson)
+        output.Add(Line(strText, output.GetStyle()));
+}
+
+}  // namespace
+
 int RunBlame(const Options& options, COutput& output) {
     const std::vector<admin::OpenTimes> all = CAdminClient{WaitFor(options)}.GetOpens();
     const std::vector<OpenSpans> opens = LongestFirst(all, options.strName, options.nMost);
-    if (!options.strSvg.empty()) WriteFileAtOnce(options.strSvg, BlameSvg(opens));
+    const std::string strNone = NoOpens(options.strName, all.size());
+    if (!options.strSvg.empty()) Draw(options, output, opens, strNone);
     if (options.bJson) {
         Json json = Json::array();
         for (const OpenSpans& open : opens) json.push_back(ToJson(open.record));
         output.AddDocument(json);
     } else if (options.strSvg.empty()) {
-        output.Add(BlameReport(opens, output.GetStyle()));
-    } else {
-        output.Add(Line(options.strSvg + ": " + BlameSummary(opens), output.GetStyle()));
+        output.Add(opens.empty() ? Line(strNone, output.GetStyle())
+                                 : BlameReport(opens, output.GetStyle()));
     }
     return EXIT_DONE;
 }

@@ -97,7 +97,8 @@ constexpr std::int64_t kLongestUs = std::int64_t{24} * 3600 * 1'000'000;
 
 class CPicture {
 public:
-    explicit CPicture(const std::vector<OpenSpans>& opens) : m_Opens(opens) {
+    CPicture(const std::vector<OpenSpans>& opens, const std::string& strNone)
+        : m_Opens(opens), m_strNone(strNone) {
         for (const OpenSpans& open : opens) m_nLongestUs = std::max(m_nLongestUs, open.nTotalUs);
         m_nLongestUs = std::min(m_nLongestUs, kLongestUs);
     }
@@ -116,6 +117,7 @@ private:
     std::string Lane(const OpenSpans& open, double y) const;
 
     const std::vector<OpenSpans>& m_Opens;
+    const std::string& m_strNone;
     std::int64_t m_nLongestUs = 1;
 };
 
@@ -128,7 +130,7 @@ std::string CPicture::Legend() {
         strLegend += Text(x + 17, 58, std::string("until ") + look.szName, kInk);
         x += 120;
     }
-    return strLegend;
+    return strLegend + Box(x, 48, 12, 12, kWasted) + Text(x + 17, 58, "in vain: it failed", kInk);
 }
 
 std::string CPicture::Axis() const {
@@ -152,8 +154,8 @@ std::string CPicture::Lane(const OpenSpans& open, double y) const {
     const bool bFailed = open.record.outcome <= 1;
     const char* const szColour = bFailed ? kFailed : kInk;
     std::string strLane = "<g>\n<title>" +
-                          Escape(open.record.empName + ", " + OutcomeText(open.record.outcome) +
-                                 ", serial " + std::to_string(open.record.serial)) +
+                          Escape(open.record.empName + ", " + OutcomeOf(open.record) + ", serial " +
+                                 std::to_string(open.record.serial)) +
                           "</title>\n";
     const double dBase = y + kBar - 2.5;
     strLane +=
@@ -169,9 +171,9 @@ std::string CPicture::Lane(const OpenSpans& open, double y) const {
                        std::string("until ") + LookOf(i).szName + ": " + Elapsed(nPhase));
         nEnd += nPhase;
     }
-    strLane += Text(At(open.nTotalUs) + 6, dBase,
-                    Elapsed(open.nTotalUs) + ", " + OutcomeText(open.record.outcome),
-                    bFailed ? kFailed : kFaint);
+    strLane +=
+        Text(At(open.nTotalUs) + 6, dBase, Elapsed(open.nTotalUs) + ", " + OutcomeOf(open.record),
+             bFailed ? kFailed : kFaint);
     return strLane + "</g>\n";
 }
 
@@ -184,8 +186,8 @@ std::string CPicture::Draw() const {
         strWidth + "\" height=\"" + strHeight + "\" viewBox=\"0 0 " + strWidth + " " + strHeight +
         "\" font-family=\"sans-serif\" font-size=\"12\">\n" +
         "<title>Where the time of opens went</title>\n" + Box(0, 0, kWidth, Height(), "#ffffff");
-    strSvg += Text(24, 32, m_Opens.empty() ? "No open has ended yet" : "Opens, the longest first",
-                   kInk, " font-size=\"17\" font-weight=\"bold\"");
+    strSvg += Text(24, 32, m_Opens.empty() ? m_strNone : "Opens, the longest first", kInk,
+                   " font-size=\"17\" font-weight=\"bold\"");
     if (m_Opens.empty()) return strSvg + "</svg>\n";
     strSvg += Text(kSummary, 32, BlameSummary(m_Opens), kFaint) + Legend() + Axis();
     double y = kTop + (kLane - kBar) / 2;
@@ -220,14 +222,18 @@ mode_t UsualMode() {
 
 }  // namespace
 
-std::string BlameSvg(const std::vector<OpenSpans>& opens) {
-    return CPicture{opens}.Draw();
+std::string BlameSvg(const std::vector<OpenSpans>& opens, const std::string& strNone) {
+    return CPicture{opens, strNone}.Draw();
+}
+
+bool IsFileOrMissing(const std::string& strPath) {
+    struct stat info {};
+    return ::lstat(strPath.c_str(), &info) != 0 || S_ISREG(info.st_mode);
 }
 
 void WriteFileAtOnce(const std::string& strPath, const std::string& strContent) {
-    struct stat info {};
     // A device, a pipe or a link (/dev/stdout is one) is written to, not replaced by a file.
-    if (::lstat(strPath.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    if (!IsFileOrMissing(strPath)) {
         const CUniqueFd fd{
             ::open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, UsualMode())};
         const int nErrno = fd.IsOpen() ? WriteAll(fd.Get(), strContent) : errno;

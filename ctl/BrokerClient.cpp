@@ -16,7 +16,23 @@ namespace {
 const std::string kBroker =
     std::string("the broker on ") + kBrokerAddress + ':' + std::to_string(kBrokerPort);
 
-[[noreturn]] void ThrowBrokerFailure(const CCallError& error, const Waiting& waiting) {
+/// Without a broker's answer, nobody knows who has its port.
+const std::string kWhoHasThePort =
+    "\"ss -ltnp 'sport = :" + std::to_string(kBrokerPort) + "'\" tells what it is";
+/// What becomes of an open that nobody awaits any more.
+constexpr char kMayStillOpen[] =
+    "; it may still open: \"vokctl list\" tells, \"vokctl sweep\" closes it";
+
+/// A connect to an interface that is down would wait for its time-out.
+void CheckLoopback() {
+    if (IsLoopbackUp()) return;
+    throw CFailure(EXIT_NO_BROKER, kBroker +
+                                       " cannot be reached: the loopback interface is down; \"ip "
+                                       "link set lo up\" brings it up");
+}
+
+[[noreturn]] void ThrowBrokerFailure(const CCallError& error, const Waiting& waiting,
+                                     const char* szAfterTimeout = "") {
     switch (error.Trouble()) {
         case eTrouble::Refused:
             throw CFailure(EXIT_NO_BROKER, std::string("no broker serves on ") + kBrokerAddress +
@@ -26,29 +42,36 @@ const std::string kBroker =
         case eTrouble::TimedOut:
             throw CFailure(EXIT_NO_ANSWER,
                            kBroker + " has not answered within " + Duration(waiting.patience) +
-                               ": it may still be at it; wait longer with --timeout");
+                               ": it may still be at it; wait longer with --timeout" +
+                               szAfterTimeout);
         case eTrouble::Interrupted:
             throw CFailure(EXIT_FAILED,
                            "interrupted before the broker has answered: what was asked for may "
                            "still happen; \"vokctl list\" tells, \"vokctl sweep\" closes it");
         case eTrouble::Garbled:
             throw CFailure(EXIT_FAILED, "what serves on " + std::to_string(kBrokerPort) +
-                                            " does not speak like a broker: \"ss -ltnp 'sport = :" +
-                                            std::to_string(kBrokerPort) + "'\" tells what it is");
+                                            " does not speak like a broker: " + kWhoHasThePort);
         default:
             throw CFailure(EXIT_FAILED,
                            kBroker + " did not answer: " + error.what() + "; its log may say why");
     }
 }
 
+/// Throws CCallError.
 template <typename Act>
-void AskBroker(const Waiting& waiting, Act act) {
+void CallBroker(const Waiting& waiting, Act act) {
+    CheckLoopback();
+    const CPatience patience{waiting.patience, waiting.nInterrupt};
+    CRpc<VokBrokerClient> rpc{ConnectTcp(kBrokerAddress, kBrokerPort, patience)};
+    rpc.Call(act);
+}
+
+template <typename Act>
+void AskBroker(const Waiting& waiting, Act act, const char* szAfterTimeout = "") {
     try {
-        const CPatience patience{waiting.patience, waiting.nInterrupt};
-        CRpc<VokBrokerClient> rpc{ConnectTcp(kBrokerAddress, kBrokerPort, patience)};
-        rpc.Call(act);
+        CallBroker(waiting, act);
     } catch (const CCallError& error) {
-        ThrowBrokerFailure(error, waiting);
+        ThrowBrokerFailure(error, waiting, szAfterTimeout);
     }
 }
 
@@ -70,24 +93,44 @@ std::string At(const std::vector<std::string>& texts, std::size_t i) {
 }
 
 constexpr std::size_t kPlainArguments = 4;
+constexpr char kVersionWord[] = "GetVOKVersion";
 
 }  // namespace
 
 void CBrokerClient::CheckServes() const {
+    const std::string strPort = std::to_string(kBrokerPort);
+    std::string strVersion;
     try {
-        (void)ConnectTcp(kBrokerAddress, kBrokerPort,
-                         CPatience{m_Waiting.patience, m_Waiting.nInterrupt});
+        CallBroker(m_Waiting, [&](VokBrokerClient& broker) {
+            broker.Execute(strVersion, "", kVersionWord, "", "", "", "");
+        });
     } catch (const CCallError& error) {
-        ThrowBrokerFailure(error, m_Waiting);
+        if (error.Trouble() == eTrouble::Refused || error.Trouble() == eTrouble::Interrupted)
+            ThrowBrokerFailure(error, m_Waiting);
+        if (error.Trouble() == eTrouble::TimedOut)
+            throw CFailure(EXIT_NO_ANSWER,
+                           "what serves on " + strPort + " has not answered within " +
+                               Duration(m_Waiting.patience) +
+                               ": a broker that hangs, or another program; " + kWhoHasThePort);
+        if (error.Trouble() == eTrouble::Broken)
+            throw CFailure(EXIT_FAILED,
+                           "what serves on " + strPort + " did not answer: " + error.what() +
+                               "; a broker that stops, or another program: " + kWhoHasThePort);
     }
+    if (strVersion.empty())
+        throw CFailure(EXIT_FAILED, "something else has port " + strPort +
+                                        ", which does not speak like a broker: " + kWhoHasThePort);
 }
 
 ConnectionInfo CBrokerClient::Open(const std::string& strClientPort, const std::string& strEmp,
                                    const std::string& strVersion, const std::string& strApp) const {
     ConnectionInfo info;
-    AskBroker(m_Waiting, [&](VokBrokerClient& broker) {
-        broker.OpenEmp(info, strClientPort, strEmp, strVersion, strApp);
-    });
+    AskBroker(
+        m_Waiting,
+        [&](VokBrokerClient& broker) {
+            broker.OpenEmp(info, strClientPort, strEmp, strVersion, strApp);
+        },
+        kMayStillOpen);
     return info;
 }
 
@@ -108,11 +151,28 @@ std::string CBrokerClient::Execute(const std::string& strArg1, const std::string
 }
 
 std::string CBrokerClient::Version() const {
-    return Execute("", "GetVOKVersion", {});
+    return Execute("", kVersionWord, {});
 }
 
 bool IsConnected(const ConnectionInfo& info) {
     return !info.empPort.empty() && info.empPort != "-1";
+}
+
+std::string NotOpenedText(const std::string& strEmp, const ConnectionInfo& info,
+                          std::int64_t nMicroseconds) {
+    const std::string strBegin = "the broker did not open " + strEmp + ": ";
+    const std::string strWhere = "\"vokctl where " + strEmp + "\" tells ";
+    if (strEmp == "Broker") return strBegin + "that is its own name, and no EMP's";
+    if (info.empPort.empty())
+        return strBegin + "it is not installed, and no launcher serves it; " + strWhere +
+               "where it looks";
+    const std::string strAfter = Elapsed(nMicroseconds);
+    if (nMicroseconds < std::int64_t{kReportWaitMs} * 1000)
+        return strBegin + "refused after " + strAfter +
+               ": it takes one connection only and has it, or could not be started; " + strWhere +
+               "which, and the broker's log says why";
+    return strBegin + "it did not start, or not report, within " + strAfter + "; " + strWhere +
+           "what there is, and the broker's log says why";
 }
 
 template <typename Act>

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,7 +23,7 @@ class CBrokerClient {
 public:
     explicit CBrokerClient(Waiting waiting) : m_Waiting(waiting) {}
 
-    /// Throws when nobody serves.
+    /// Throws when nobody serves, or what serves does not tell a broker's version.
     void CheckServes() const;
 
     ConnectionInfo Open(const std::string& strClientPort, const std::string& strEmp,
@@ -39,6 +40,10 @@ private:
 
 /// True for the record of an open that led to a connection.
 bool IsConnected(const ConnectionInfo& info);
+
+/// Why an open came to nothing, from the broker's answer and how long that took.
+std::string NotOpenedText(const std::string& strEmp, const ConnectionInfo& info,
+                          std::int64_t nMicroseconds);
 
 /// Nobody serves at an EMP's address, or it has ended the connection: it may have ended just now.
 class CEmpHasGone : public CFailure {

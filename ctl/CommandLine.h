@@ -44,6 +44,7 @@ struct Options {
     std::string strApp = "vokctl";
     bool bHold = false;
     bool bUntilEof = false;
+    bool bForce = false;
 
     std::string strCmd;
     std::string strArg1;

@@ -1,8 +1,10 @@
 #include "ctl/Connection.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -10,6 +12,8 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+
+#include "platform/CUniqueFd.h"
 
 namespace vok::ctl {
 
@@ -137,6 +141,14 @@ Socket ConnectUnix(const std::string& strPath, const CPatience& patience) {
     Connect(pSocket->getSocketFD(), reinterpret_cast<const sockaddr*>(&address), sizeof address,
             patience);
     return pSocket;
+}
+
+bool IsLoopbackUp() {
+    const CUniqueFd fd{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    if (!fd.IsOpen()) return true;  // not known; what needs a socket next says why there is none
+    ifreq request{};
+    std::strcpy(request.ifr_name, "lo");
+    return ::ioctl(fd.Get(), SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_UP) != 0;
 }
 
 void ThrowTrouble(const TTransportException& error) {

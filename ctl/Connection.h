@@ -79,6 +79,9 @@ using Socket = std::shared_ptr<CPatientSocket>;
 Socket ConnectTcp(const std::string& strAddress, int nPort, const CPatience& patience);
 Socket ConnectUnix(const std::string& strPath, const CPatience& patience);
 
+/// False when the loopback interface is down: what is sent to it then vanishes without an error.
+bool IsLoopbackUp();
+
 /// Throws what an exception of the RPC library means, as CCallError.
 [[noreturn]] void ThrowTrouble(const apache::thrift::transport::TTransportException& error);
 [[noreturn]] void ThrowTrouble(const apache::thrift::TApplicationException& error);

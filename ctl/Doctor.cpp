@@ -1,9 +1,7 @@
 #include "ctl/Doctor.h"
 
 #include <fcntl.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -11,12 +9,14 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
+#include <cerrno>
 
 #include "ctl/AdminClient.h"
 #include "ctl/BrokerClient.h"
 #include "ctl/Commands.h"
+#include "ctl/Connection.h"
 #include "ctl/Failure.h"
+#include "ctl/InstalledEmps.h"
 #include "ctl/Table.h"
 #include "ctl/Waits.h"
 #include "platform/CUniqueFd.h"
@@ -26,14 +26,6 @@
 namespace vok::ctl {
 
 namespace {
-
-bool IsLoopbackUp() {
-    const CUniqueFd fd{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    ifreq request{};
-    std::strcpy(request.ifr_name, "lo");
-    return fd.IsOpen() && ::ioctl(fd.Get(), SIOCGIFFLAGS, &request) == 0 &&
-           (request.ifr_flags & IFF_UP) != 0;
-}
 
 /// As a broker would ask. The port is bound for a moment and never listened at, which does not keep
 /// a broker that starts just now from it.
@@ -54,7 +46,9 @@ PortLook LookAtPort(std::chrono::milliseconds patience) {
         const std::string strVersion = CBrokerClient{{patience}}.Version();
         if (!strVersion.empty()) return {PortLook::Broker, strVersion};
     } catch (const CFailure& failure) {
-        if (failure.Exit() == EXIT_NO_BROKER) return {PortLook::Connection};
+        // With lo down, nobody who holds the port can be asked.
+        if (failure.Exit() == EXIT_NO_BROKER)
+            return {IsLoopbackUp() ? PortLook::Connection : PortLook::Silent};
         if (failure.Exit() == EXIT_NO_ANSWER) return {PortLook::Silent};
     }
     return {PortLook::Other};
@@ -65,12 +59,35 @@ AdminLook LookAtAdmin(std::chrono::milliseconds patience) {
     if (::lstat(paths::kAdminSocket, &info) != 0) return {AdminLook::Missing};
     if (!S_ISSOCK(info.st_mode)) return {AdminLook::NoSocket};
     try {
-        return {AdminLook::Served, CAdminClient{{patience}}.GetState().pid};
-    } catch (const CFailure& failure) {
-        if (failure.Exit() == EXIT_NEEDS_ROOT) return {AdminLook::Forbidden};
-        if (failure.Exit() == EXIT_NO_ANSWER) return {AdminLook::Silent};
+        return {AdminLook::Served, CAdminClient{{patience}}.GetStateOfSocket().pid};
+    } catch (const CCallError& error) {
+        if (error.Trouble() == eTrouble::Forbidden) return {AdminLook::Forbidden};
+        if (error.Trouble() == eTrouble::TimedOut) return {AdminLook::Silent};
         return {AdminLook::Refused};
     }
+}
+
+/// Of the same network: that of a container has a port of its own. Who may not look assumes so.
+bool SharesNetwork(const std::string& strProc, const std::string& strPid) {
+    std::array<char, 64> own{};
+    std::array<char, 64> other{};
+    const std::string strEnd = "/ns/net";
+    return ::readlink((strProc + "self" + strEnd).c_str(), own.data(), own.size()) < 0 ||
+           ::readlink((strProc + strPid + strEnd).c_str(), other.data(), other.size()) < 0 ||
+           own == other;
+}
+
+/// A broker in its start holds no port yet, and one that hangs in it never will. A process that has
+/// ended, and was not waited for, has no command line.
+std::string FindBrokerProcess(const Patient& patient) {
+    const std::string strProc = patient.strRoot + "/proc/";
+    for (const std::string& strPid : SubFolders(strProc)) {
+        if (strPid.find_first_not_of("0123456789") != std::string::npos) continue;
+        if (ReadSmallFile(strProc + strPid + "/comm") != "vok-broker\n") continue;
+        if (ReadSmallFile(strProc + strPid + "/cmdline").empty()) continue;
+        if (SharesNetwork(strProc, strPid)) return strPid;
+    }
+    return {};
 }
 
 const char* LevelText(eFinding level) {
@@ -131,6 +148,7 @@ Findings Examine(const Patient& patient) {
     Looks looks;
     looks.port = patient.port();
     looks.admin = patient.admin();
+    if (looks.port.holder == PortLook::Free) looks.strStarting = FindBrokerProcess(patient);
     CheckBroker(patient, looks, findings);
     CheckFiles(patient, looks, findings);
     CheckSystem(patient, looks, findings);
@@ -170,6 +188,14 @@ std::string ReadSmallFile(const std::string& strPath) {
            (nRead = ::read(fd.Get(), piece.data(), piece.size())) > 0)
         strText.append(piece.data(), static_cast<std::size_t>(nRead));
     return strText;
+}
+
+ePresence LookFor(const std::string& strPath) {
+    // As those who read it do: a FIFO in a file's place shall not make anybody wait.
+    const CUniqueFd fd{::open(strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
+    if (fd.IsOpen()) return ePresence::There;
+    if (errno == EACCES || errno == EPERM) return ePresence::OnlyRootMayLook;
+    return errno == ENOENT || errno == ENOTDIR ? ePresence::Missing : ePresence::There;
 }
 
 int RunDoctor(const Options& options, COutput& output) {

@@ -60,6 +60,7 @@ bool HasProblem(const Findings& findings);
 struct Looks {
     PortLook port;
     AdminLook admin;
+    std::string strStarting;  // id of a broker's process, though none serves; empty: none
     bool HasBroker() const { return port.holder == PortLook::Broker; }
     /// Somebody holds the port, or the socket, and says nothing: it may be a broker that is busy.
     bool MayHaveBroker() const {
@@ -74,5 +75,10 @@ void CheckFiles(const Patient& patient, const Looks& looks, Findings& findings);
 
 /// A small file whole; empty when it cannot be read.
 std::string ReadSmallFile(const std::string& strPath);
+
+/// Whether something is there: only root may know, or look into it, when it, or a folder on the way
+/// to it, is closed to others.
+enum class ePresence { Missing, There, OnlyRootMayLook };
+ePresence LookFor(const std::string& strPath);
 
 }  // namespace vok::ctl

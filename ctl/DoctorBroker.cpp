@@ -23,11 +23,23 @@ void CheckLoopback(const Patient& patient, Findings& findings) {
                             "lo is down, and all calls travel over it", "ip link set lo up"});
 }
 
-void CheckPort(const PortLook& port, Findings& findings) {
+void CheckFreePort(const std::string& strCheck, const std::string& strStarting,
+                   Findings& findings) {
+    if (strStarting.empty())
+        findings.push_back({eFinding::Ok, strCheck, "free: no broker serves"});
+    else
+        findings.push_back({eFinding::Warning, strCheck,
+                            "free: a vok-broker runs, process " + strStarting +
+                                ", and does not serve: it starts or stops",
+                            "wait some seconds; if it stays so, its log tells what it is at"});
+}
+
+void CheckPort(const Looks& looks, Findings& findings) {
+    const PortLook& port = looks.port;
     const std::string strCheck = "port " + kPortText;
     switch (port.holder) {
         case PortLook::Free:
-            findings.push_back({eFinding::Ok, strCheck, "free: no broker serves"});
+            CheckFreePort(strCheck, looks.strStarting, findings);
             break;
         case PortLook::Broker:
             findings.push_back({eFinding::Ok, strCheck, "served by vok-broker " + port.strVersion});
@@ -83,7 +95,8 @@ void CheckReserved(const Patient& patient, Findings& findings) {
                         kPortText + " is one of the ports that the kernel gives to connections (" +
                             std::to_string(nFirst) + " to " + std::to_string(nLast) +
                             "): one may hold it when the broker starts",
-                        "sysctl net.ipv4.ip_local_reserved_ports=" + strReserved + kPortText});
+                        "write \"net.ipv4.ip_local_reserved_ports=" + strReserved + kPortText +
+                            "\" into /etc/sysctl.d/60-vok-broker.conf, then sysctl --system"});
 }
 
 void CheckReadyFlag(const Patient& patient, const Looks& looks, Findings& findings) {
@@ -93,6 +106,10 @@ void CheckReadyFlag(const Patient& patient, const Looks& looks, Findings& findin
     if (bThere && S_ISDIR(info.st_mode))
         findings.push_back({eFinding::Problem, "ready flag",
                             strFlag + " is a folder: a broker cannot start", "rmdir " + strFlag});
+    else if (bThere && !looks.strStarting.empty())
+        findings.push_back({eFinding::Ok, "ready flag",
+                            strFlag + " is there, of an earlier broker: the one that starts "
+                                      "removes it"});
     else if (bThere && !looks.MayHaveBroker())
         findings.push_back({eFinding::Warning, "ready flag",
                             strFlag + " is there, and no broker: one was killed",
@@ -103,6 +120,8 @@ void CheckReadyFlag(const Patient& patient, const Looks& looks, Findings& findin
                                 " is missing: the broker is starting or stopping, or somebody "
                                 "has removed it",
                             "wait a moment; if it stays away, restart vok-broker"});
+    else if (!bThere && !looks.strStarting.empty())
+        findings.push_back({eFinding::Ok, "ready flag", strFlag + " is not there yet"});
     else
         findings.push_back({eFinding::Ok, "ready flag",
                             strFlag + (bThere ? " is there" : " is not there, nor is a broker")});
@@ -167,6 +186,9 @@ void CheckAdmin(const Looks& looks, Findings& findings) {
             if (looks.HasBroker())
                 findings.push_back({eFinding::Problem, "admin socket",
                                     "the broker serves without " + strSocket, strRestart});
+            else if (!looks.strStarting.empty())
+                findings.push_back(
+                    {eFinding::Ok, "admin socket", strSocket + " is not served yet"});
             else if (bLeft)
                 findings.push_back({eFinding::Warning, "admin socket",
                                     strSocket + " was left by a broker that was killed",
@@ -183,7 +205,7 @@ void CheckAdmin(const Looks& looks, Findings& findings) {
 
 void CheckBroker(const Patient& patient, const Looks& looks, Findings& findings) {
     CheckLoopback(patient, findings);
-    CheckPort(looks.port, findings);
+    CheckPort(looks, findings);
     CheckReserved(patient, findings);
     CheckReadyFlag(patient, looks, findings);
     CheckProcess(patient, looks, findings);

@@ -5,6 +5,8 @@
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <sstream>
 #include <system_error>
 
 #include "ctl/Doctor.h"
@@ -24,6 +26,14 @@ constexpr char kImageEnd[] = "_img";
 /// The broker's node in the log policy, and what it has to say.
 constexpr char kPolicyNode[] = "15_vok";
 constexpr const char* kPolicyAttributes[] = {"url", "queue_max", "expiration", "loglevel"};
+
+/// True, and told, when only root may know what is there: that is no fault of the file's.
+bool IsForRootOnly(const Patient& patient, const std::string& strCheck, const std::string& strPath,
+                   Findings& findings) {
+    if (LookFor(patient.strRoot + strPath) != ePresence::OnlyRootMayLook) return false;
+    findings.push_back({eFinding::Ok, strCheck, strPath + ": only root may look"});
+    return true;
+}
 
 bool Exists(const Patient& patient, const std::string& strPath) {
     std::error_code error;
@@ -49,6 +59,7 @@ void CheckFolder(const Patient& patient, const std::string& strFolder, Findings&
     struct stat info {};
     // Of what a link leads to, as the broker, and as the cures.
     if (::stat((patient.strRoot + strFolder).c_str(), &info) != 0) {
+        if (IsForRootOnly(patient, "folder", strFolder, findings)) return;
         findings.push_back({eFinding::Warning, "folder",
                             strFolder + " is missing: no EMP lives there",
                             "mkdir -p " + strFolder});
@@ -74,29 +85,64 @@ bool EndsWith(const std::string& strText, const std::string& strEnd) {
            strText.compare(strText.size() - strEnd.size(), strEnd.size(), strEnd) == 0;
 }
 
+void CheckImageFolder(const Patient& patient, const std::string& strPath, const std::string& strEmp,
+                      Findings& findings) {
+    const std::string strImage = paths::ImageFile(strEmp);
+    if (LookFor(patient.strRoot + strImage) == ePresence::Missing)
+        findings.push_back({eFinding::Warning, "EMP", strPath + " holds no image",
+                            "the image is to be " + strImage});
+}
+
+bool IsDanglingLink(const std::string& strPath) {
+    std::error_code error;
+    return fs::is_symlink(strPath, error) && LookFor(strPath) == ePresence::Missing;
+}
+
+/// The configuration alone is that of a grouping process that comes as an image.
+void CheckPreinstalledFolder(const Patient& patient, const std::string& strPath,
+                             const std::string& strEmp, Findings& findings) {
+    if (strEmp == paths::kPlugins) return;
+    const std::string strProgram = paths::PreinstalledProgram(strEmp);
+    if (IsDanglingLink(patient.strRoot + strProgram))
+        findings.push_back({eFinding::Problem, "program", strProgram + " is a link to nowhere",
+                            "mend the link, or install the program there"});
+    else if (LookFor(patient.strRoot + strProgram) == ePresence::Missing &&
+             LookFor(patient.strRoot + std::string(paths::PreinstalledConfig(strEmp))) ==
+                 ePresence::Missing)
+        findings.push_back({eFinding::Warning, "EMP", strPath + " holds no program",
+                            "the program is to be " + strProgram});
+}
+
+/// What `fsck` keeps in the top folder of a file system.
+constexpr char kLostAndFound[] = "lost+found";
+
 /// A folder that looks like an EMP's and has none in it opens nothing, and nobody says so.
 void CheckFolderNames(const Patient& patient, Findings& findings) {
     for (const std::string_view root : {paths::kDownloadedEmps, paths::kPreinstalledEmps}) {
         const std::string strRoot{root};
         for (const std::string& strFolder : SubFolders(patient.strRoot + strRoot)) {
+            if (strFolder == kLostAndFound) continue;
             const std::string strPath = PathIn(strRoot, strFolder);
             if (strFolder.rfind(kStart, 0) != 0 || strFolder == kStart) {
                 findings.push_back({eFinding::Warning, "EMP", strPath + " is never looked at",
                                     "an EMP's folder is called empNAME, its image's empNAME_img"});
                 continue;
             }
-            if (root != paths::kDownloadedEmps || !EndsWith(strFolder, kImageEnd)) continue;
-            const std::string strEmp =
-                strFolder.substr(3, strFolder.size() - 3 - (sizeof kImageEnd - 1));
-            if (!Exists(patient, paths::ImageFile(strEmp)))
-                findings.push_back({eFinding::Warning, "EMP", strPath + " holds no image",
-                                    "the image is to be " + std::string(paths::ImageFile(strEmp))});
+            if (IsForRootOnly(patient, "EMP", strPath, findings)) continue;
+            const std::string strEmp = strFolder.substr(sizeof kStart - 1);
+            if (root == paths::kPreinstalledEmps)
+                CheckPreinstalledFolder(patient, strPath, strEmp, findings);
+            else if (EndsWith(strFolder, kImageEnd))
+                CheckImageFolder(patient, strPath,
+                                 strEmp.substr(0, strEmp.size() - (sizeof kImageEnd - 1)),
+                                 findings);
         }
     }
 }
 
 void CheckImage(const Patient& patient, const std::string& strPath, Findings& findings) {
     if (!Exists(patient, strPath)) return;
+    if (IsForRootOnly(patient, "image", strPath, findings)) return;
     const ImageLook look = LookAtImage(patient.strRoot + strPath);
     if (look.strTrouble.empty())
         findings.push_back({eFinding::Ok, "image", strPath + " is " + look.strFileSystem});
@@ -107,6 +153,7 @@ void CheckImage(const Patient& patient, const std::string& strPath, Findings& fi
 
 void CheckProgram(const Patient& patient, const std::string& strPath, Findings& findings) {
     if (!Exists(patient, strPath)) return;
+    if (IsForRootOnly(patient, "program", strPath, findings)) return;
     const std::string strTrouble = TroubleOfProgram(patient.strRoot + strPath);
     if (strTrouble.empty())
         findings.push_back({eFinding::Ok, "program", strPath + " can be started"});
@@ -126,6 +173,7 @@ bool IsVersion(const std::string& strText) {
 
 void CheckConfig(const Patient& patient, const std::string& strPath, Findings& findings) {
     if (!Exists(patient, strPath)) return;
+    if (IsForRootOnly(patient, "configuration", strPath, findings)) return;
     const std::string strXml = ReadSmallFile(patient.strRoot + strPath);
     pugi::xml_document document;
     const pugi::xml_parse_result result = document.load_buffer(strXml.data(), strXml.size());
@@ -158,7 +206,10 @@ void CheckEmps(const Patient& patient, Findings& findings) {
         CheckProgram(patient, paths::PreinstalledProgram(strEmp), findings);
         CheckProgram(patient, paths::DownloadedProgram(strEmp), findings);
     }
-    if (names.empty())
+    bool bHidden = false;
+    for (const std::string_view root : {paths::kDownloadedEmps, paths::kPreinstalledEmps})
+        if (IsForRootOnly(patient, "EMPs", std::string(root), findings)) bHidden = true;
+    if (names.empty() && !bHidden)
         findings.push_back({eFinding::Ok, "EMPs", "none is installed; launchers may serve some"});
     for (const std::string_view root : {paths::kPreinstalledEmps, paths::kDownloadedEmps}) {
         const std::string strRoot{root};
@@ -181,6 +232,7 @@ void CheckPlugins(const Patient& patient, const Looks& looks, Findings& findings
             {eFinding::Ok, "plug-in set", std::string(paths::kPluginMountPoint) + " is in use"});
         return;
     }
+    if (IsForRootOnly(patient, "plug-in set", paths::kPluginProbe, findings)) return;
     const bool bAny =
         Exists(patient, strDownload) || Exists(patient, strUpdate) || Exists(patient, strBuiltIn);
     if (bAny && !looks.MayHaveBroker())
@@ -190,10 +242,37 @@ void CheckPlugins(const Patient& patient, const Looks& looks, Findings& findings
             {eFinding::Warning, "plug-in set",
              std::string(paths::kPluginProbe) + " is missing, and the broker serves",
              "look for a plug-in set without webapis, or for one that was unmounted"});
-    else
+    else if (!IsForRootOnly(patient, "plug-in set", strDownload, findings) &&
+             !IsForRootOnly(patient, "plug-in set", strUpdate, findings) &&
+             !IsForRootOnly(patient, "plug-in set", strBuiltIn, findings))
         findings.push_back({eFinding::Problem, "plug-in set",
                             "there is none, and a broker does not start without",
                             "install " + strBuiltIn + ", or a folder " + paths::kPluginProbe});
+}
+
+/// An image that was mounted by hand, below or above the broker's mount, hides or is hidden. Those
+/// of the broker count, when it is known: it may see others.
+void CheckMounts(const Patient& patient, const Looks& looks, Findings& findings) {
+    const std::string strProcess =
+        looks.admin.nPid != 0 ? std::to_string(looks.admin.nPid) : "self";
+    std::istringstream lines(ReadSmallFile(patient.strRoot + "/proc/" + strProcess + "/mountinfo"));
+    const std::string strBelow = std::string(paths::kDownloadedEmps) + '/';
+    std::map<std::string, int> counts;
+    std::string strLine;
+    while (std::getline(lines, strLine)) {
+        std::istringstream words(strLine);
+        std::string strWord;
+        for (int i = 0; i < 5; ++i) words >> strWord;  // the mount point is the fifth
+        if (strWord.rfind(strBelow, 0) == 0 || strWord == paths::kPluginMountPoint)
+            ++counts[strWord];
+    }
+    for (const auto& [strPoint, nCount] : counts)
+        if (nCount > 1)
+            findings.push_back(
+                {eFinding::Warning, "mount",
+                 std::to_string(nCount) + " mounts lie on " + strPoint +
+                     ", one over the other, and only the topmost is seen",
+                 "when no client minds, umount " + strPoint + " until one, or none, is left"});
 }
 
 /// The names of elements may begin with a digit there, which XML does not allow.
@@ -219,12 +298,13 @@ void CheckPolicyNode(const pugi::xml_node& node, Findings& findings) {
         findings.push_back(
             {eFinding::Warning, "log policy",
              std::string(paths::kLogPolicy) + ": " + kPolicyNode + " lacks" + strMissing,
-             "add what is missing: see docs/INTEGRATION.md"});
+             "add what is missing: see vok-broker(8)"});
 }
 
 void CheckLogPolicy(const Patient& patient, Findings& findings) {
     const std::string strFile = paths::kLogPolicy;
     const std::string strUnreported = ": opens that fail are not reported";
+    if (IsForRootOnly(patient, "log policy", strFile, findings)) return;
     if (!Exists(patient, strFile)) {
         findings.push_back({eFinding::Warning, "log policy",
                             strFile + " is missing" + strUnreported,
@@ -250,7 +330,7 @@ void CheckLogPolicy(const Patient& patient, Findings& findings) {
     if (node) return CheckPolicyNode(node, findings);
     findings.push_back({eFinding::Warning, "log policy",
                         strFile + " has no element " + kPolicyNode + strUnreported,
-                        "add one, if the set is to report faults: see docs/INTEGRATION.md"});
+                        "add one, if the set is to report faults: see vok-broker(8)"});
 }
 
 }  // namespace
@@ -261,6 +341,7 @@ void CheckFiles(const Patient& patient, const Looks& looks, Findings& findings) 
     CheckFolderNames(patient, findings);
     CheckEmps(patient, findings);
     CheckPlugins(patient, looks, findings);
+    CheckMounts(patient, looks, findings);
     CheckLogPolicy(patient, findings);
 }
 

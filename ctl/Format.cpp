@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <iterator>
 
 namespace vok::ctl {
@@ -180,6 +181,15 @@ std::string Elapsed(std::int64_t nMicroseconds) {
     const double dTime = static_cast<double>(nTime) / (bSeconds ? 1e6 : 1e3);
     const int nDigits = dTime < 9.995 ? 2 : dTime < 99.95 ? 1 : 0;
     return Decimals(dTime, nDigits) + (bSeconds ? " s" : " ms");
+}
+
+std::string UtcNow() {
+    const std::time_t nNow = std::time(nullptr);
+    std::tm now{};
+    std::array<char, 32> text{};
+    if (::gmtime_r(&nNow, &now) != nullptr)
+        (void)std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &now);
+    return text.data();
 }
 
 std::string Count(std::int64_t nNumber, const std::string& strOne, const std::string& strMany) {

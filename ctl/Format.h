@@ -43,6 +43,9 @@ std::string Duration(std::chrono::milliseconds duration);
 /// What is measured in microseconds, with three digits: "740 us", "1.24 ms", "12.3 ms", "1.20 s".
 std::string Elapsed(std::int64_t nMicroseconds);
 
+/// "2026-11-21T00:35:03Z": the moment, the same words wherever the set is.
+std::string UtcNow();
+
 /// "1 client", "2 clients".
 std::string Count(std::int64_t nNumber, const std::string& strOne, const std::string& strMany);
 

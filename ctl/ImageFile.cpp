@@ -2,6 +2,7 @@
 
 #include <elf.h>
 #include <fcntl.h>
+#include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -98,6 +99,28 @@ std::string ProcessorOf(const std::string& strBegin) {
     return strBegin.substr(EI_CLASS, 2) + strBegin.substr(kMachine, 2);
 }
 
+/// The size that a program for this machine needs to have for the kernel to load it: up to the end
+/// of its last segment. What of its table lies beyond what was read counts as nothing.
+std::uint64_t SizeOfSegments(const std::string& strBegin) {
+    ElfW(Ehdr) header{};
+    if (strBegin.size() < sizeof header) return sizeof header;
+    std::memcpy(&header, strBegin.data(), sizeof header);
+    std::uint64_t nEnd = header.e_phoff + std::uint64_t{header.e_phnum} * sizeof(ElfW(Phdr));
+    for (std::size_t i = 0; i < header.e_phnum; ++i) {
+        const std::uint64_t nAt = header.e_phoff + i * sizeof(ElfW(Phdr));
+        ElfW(Phdr) segment{};
+        if (nAt > strBegin.size() || strBegin.size() - nAt < sizeof segment) break;
+        std::memcpy(&segment, strBegin.data() + nAt, sizeof segment);
+        if (segment.p_type == PT_LOAD)
+            nEnd = std::max(nEnd, std::uint64_t{segment.p_offset} + segment.p_filesz);
+    }
+    return nEnd;
+}
+
+std::string EndsAfter(std::uint64_t nSize, std::uint64_t nNeeded) {
+    return "it ends after " + std::to_string(nSize) + " of " + std::to_string(nNeeded) + " bytes";
+}
+
 }  // namespace
 
 ImageLook LookAtImage(const std::string& strPath) {
@@ -108,8 +131,7 @@ ImageLook LookAtImage(const std::string& strPath) {
     if (extent.strFileSystem.empty())
         return {"", "it is neither squashfs nor ext2 to ext4 nor erofs"};
     if (extent.nSize > look.nSize)
-        return {extent.strFileSystem, "it ends after " + std::to_string(look.nSize) + " of " +
-                                          std::to_string(extent.nSize) + " bytes"};
+        return {extent.strFileSystem, EndsAfter(look.nSize, extent.nSize)};
     return {extent.strFileSystem, ""};
 }
 
@@ -120,6 +142,8 @@ std::string TroubleOfProgram(const std::string& strPath) {
     if (look.strBegin.rfind(ELFMAG, 0) != 0) return "it is no program";
     if (ProcessorOf(look.strBegin) != ProcessorOf(LookAt("/proc/self/exe").strBegin))
         return "it is built for another processor";
+    const std::uint64_t nNeeded = SizeOfSegments(look.strBegin);
+    if (look.nSize < nNeeded) return EndsAfter(look.nSize, nNeeded);
     if ((look.nMode & S_IXUSR) == 0) return "it may not be executed";
     return {};
 }

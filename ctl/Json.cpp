@@ -99,6 +99,8 @@ Json ToJson(const admin::Whereabouts& whereabouts) {
             {"files", ToJson(whereabouts.files)},
             {"launchers", ToJson(whereabouts.launchers)},
             {"groups", ToJson(whereabouts.groups)},
+            {"ownLaunchers", ToJson(whereabouts.ownLaunchers)},
+            {"ownGroups", ToJson(whereabouts.ownGroups)},
             {"status", whereabouts.status},
             {"statusText", StatusText(whereabouts.status)},
             {"option", whereabouts.option},
@@ -107,7 +109,8 @@ Json ToJson(const admin::Whereabouts& whereabouts) {
             {"mount", ToJson(whereabouts.mount)},
             {"mountPoint", whereabouts.mountPoint},
             {"mountSource", whereabouts.mountSource},
-            {"fileSystem", whereabouts.fileSystem}};
+            {"fileSystem", whereabouts.fileSystem},
+            {"mounts", whereabouts.mounts}};
 }
 
 }  // namespace vok::ctl

@@ -5,13 +5,14 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <ctime>
 
+#include "ctl/AdminClient.h"
 #include "ctl/BrokerClient.h"
 #include "ctl/CallbackServer.h"
 #include "ctl/Commands.h"
 #include "ctl/Failure.h"
 #include "ctl/Signals.h"
+#include "ctl/StateView.h"
 #include "ctl/Table.h"
 #include "ctl/Waits.h"
 #include "platform/Limits.h"
@@ -24,15 +25,6 @@ std::int64_t MicrosecondsSince(std::chrono::steady_clock::time_point begin) {
     return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() -
                                                                  begin)
         .count();
-}
-
-std::string TimeOfDay() {
-    const std::time_t nNow = std::time(nullptr);
-    std::tm now{};
-    std::array<char, 16> text{};
-    if (::localtime_r(&nNow, &now) != nullptr)
-        (void)std::strftime(text.data(), text.size(), "%H:%M:%S", &now);
-    return text.data();
 }
 
 Json ToJson(const ConnectionInfo& info) {
@@ -78,19 +70,6 @@ private:
     std::int64_t m_nMicroseconds = 0;
 };
 
-[[noreturn]] void ThrowNotOpened(const std::string& strEmp, const ConnectionInfo& info) {
-    const std::string strBegin = "the broker did not open " + strEmp + ": ";
-    const std::string strWhere = "\"vokctl where " + strEmp + "\" tells ";
-    if (info.empPort.empty())
-        throw CFailure(EXIT_FAILED, strBegin + "it is not installed, and no launcher serves it; " +
-                                        strWhere + "where it looks");
-    throw CFailure(EXIT_FAILED,
-                   strBegin +
-                       "it did not start or report in time, or takes one connection only and has "
-                       "it; " +
-                       strWhere + "which, and the broker's log says why");
-}
-
 /// An EMP whose last client leaves may be handed out once more before it ends: then another open
 /// starts it anew.
 void CConnection::Open() {
@@ -106,7 +85,8 @@ void CConnection::OpenOnce() {
     m_Info =
         m_Broker.Open(m_Events.Port(), m_Options.strName, m_Options.strVersion, m_Options.strApp);
     m_nMicroseconds = MicrosecondsSince(begin);
-    if (!IsConnected(m_Info)) ThrowNotOpened(m_Options.strName, m_Info);
+    if (!IsConnected(m_Info))
+        throw CFailure(EXIT_FAILED, NotOpenedText(m_Options.strName, m_Info, m_nMicroseconds));
     try {
         (void)Emp().Open(m_Options.strVersion, m_Options.strApp);
     } catch (const CFailure&) {
@@ -183,7 +163,7 @@ void CHold::Tell(const std::string& strText, const Json& json) {
 }
 
 void CHold::TellOpened() {
-    Json json{{"event", "opened"}};
+    Json json{{"at", UtcNow()}, {"event", "opened"}};
     json.update(ToJson(m_Connection.Info()));
     json["elapsedUs"] = m_Connection.Microseconds();
     Tell(OpenedText(m_Connection) +
@@ -194,9 +174,11 @@ void CHold::TellOpened() {
 void CHold::TellEvents() {
     for (const ClientEvent& event : m_Connection.Events().Take()) {
         const std::string strMeaning = Meaning(event.nType);
-        Tell(TimeOfDay() + " event " + std::to_string(event.nType) + " \"" + event.strArg1 +
-                 "\" \"" + event.strArg2 + "\"" + (strMeaning.empty() ? "" : ": " + strMeaning),
-             {{"event", "callback"},
+        const std::string strNow = UtcNow();
+        Tell(strNow + " event " + std::to_string(event.nType) + " \"" + event.strArg1 + "\" \"" +
+                 event.strArg2 + "\"" + (strMeaning.empty() ? "" : ": " + strMeaning),
+             {{"at", strNow},
+              {"event", "callback"},
               {"type", event.nType},
               {"arg1", event.strArg1},
               {"arg2", event.strArg2}});
@@ -227,6 +209,24 @@ void CHold::Run() {
     m_Output.SetInterrupt(-1);
 }
 
+/// A broker that is told to close what it does not have lowers its counts, and forgets an EMP that
+/// runs on: so a port that was mistyped would make the next open start a second server.
+void CheckIsConnected(const Options& options) {
+    admin::BrokerState state;
+    try {
+        state = CAdminClient{WaitFor(options)}.GetState();
+    } catch (const CFailure& failure) {
+        if (failure.Exit() == EXIT_NO_BROKER || failure.Exit() == EXIT_NO_ANSWER) throw;
+        throw CFailure(failure.Exit(),
+                       std::string("whether there is such a connection cannot be looked up: ") +
+                           failure.what() + "; --force closes without");
+    }
+    if (HasConnection(state, options.strName, options.strPort, options.strClientPort)) return;
+    throw CFailure(EXIT_FAILED, "the broker has no connection of " + options.strClientPort +
+                                    " to " + options.strName + " at port " + options.strPort +
+                                    ": \"vokctl list\" shows what there is");
+}
+
 int HoldOpen(const Options& options, COutput& output, CConnection& connection) {
     try {
         CHold(options, output, connection).Run();
@@ -236,7 +236,7 @@ int HoldOpen(const Options& options, COutput& output, CConnection& connection) {
     }
     if (!connection.Close()) ThrowNotClosed(options.strName);
     if (options.bJson)
-        output.AddLine({{"event", "closed"}, {"closed", true}});
+        output.AddLine({{"at", UtcNow()}, {"event", "closed"}, {"closed", true}});
     else
         output.Add(Line("closed " + options.strName, output.GetStyle()));
     output.Flush();
@@ -264,6 +264,7 @@ int RunOpen(const Options& options, COutput& output) {
 }
 
 int RunClose(const Options& options, COutput& output) {
+    if (!options.bForce) CheckIsConnected(options);
     ConnectionInfo info;
     info.empName = options.strName;
     info.empPort = options.strPort;

@@ -81,6 +81,11 @@ void COutput::AddLine(const Json& json) {
     Add(Dump(json, -1, m_Style.bTerminal));
 }
 
+void COutput::AddNote(const std::string& strText) const {
+    const std::string strLine = Printable(strText, m_Style.bUtf8) + '\n';
+    (void)!::write(STDERR_FILENO, strLine.data(), strLine.size());  // nobody else to tell
+}
+
 void COutput::Flush() {
     const std::string strText = std::exchange(m_strPending, {});
     if (!strText.empty()) Write(strText);

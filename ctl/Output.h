@@ -42,6 +42,8 @@ public:
     void AddLine(const Json& json);
 
     void Flush();
+    /// A line for people that is no part of the output: it goes to the standard error.
+    void AddNote(const std::string& strText) const;
 
 protected:
     virtual void Write(const std::string& strText);

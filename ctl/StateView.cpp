@@ -112,8 +112,10 @@ std::string LauncherTable(const admin::BrokerState& state, const Style& style) {
     return Titled("Launchers and groups", table, style);
 }
 
-bool Lists(const admin::LauncherState& launcher, const std::string& strEmp) {
-    return std::find(launcher.emps.begin(), launcher.emps.end(), strEmp) != launcher.emps.end();
+/// It serves the EMP, or is called so itself.
+bool Concerns(const admin::LauncherState& launcher, const std::string& strEmp) {
+    return launcher.name == strEmp ||
+           std::find(launcher.emps.begin(), launcher.emps.end(), strEmp) != launcher.emps.end();
 }
 
 }  // namespace
@@ -184,6 +186,7 @@ std::string EmpList(const admin::BrokerState& state, const Style& style) {
         emp.name = connection.empName;
         addConnections(emp);
     }
+    if (table.IsEmpty()) return Line("The broker knows no EMP.", style);
     return table.Render(style);
 }
 
@@ -195,9 +198,9 @@ admin::BrokerState StateOf(const admin::BrokerState& state, const std::string& s
     for (const admin::ConnectionState& connection : state.connections)
         if (connection.empName == strEmp) part.connections.push_back(connection);
     for (const admin::LauncherState& launcher : state.launchers)
-        if (Lists(launcher, strEmp)) part.launchers.push_back(launcher);
+        if (Concerns(launcher, strEmp)) part.launchers.push_back(launcher);
     for (const admin::LauncherState& group : state.groups) {
-        if (!Lists(group, strEmp)) continue;
+        if (!Concerns(group, strEmp)) continue;
         part.groups.push_back(group);
         images.insert(group.name);
     }
@@ -218,6 +221,17 @@ std::optional<std::string> EmpReport(const admin::BrokerState& state, const std:
     std::string strReport = EmpTable(part, style) + ConnectionTable(part, style) +
                             MountTable(part, style) + LauncherTable(part, style);
     return strReport.substr(1);  // the line feed before the first title
+}
+
+bool HasConnection(const admin::BrokerState& state, const std::string& strEmp,
+                   const std::string& strEmpPort, const std::string& strClientPort) {
+    return std::any_of(
+        state.connections.begin(), state.connections.end(),
+        [&](const admin::ConnectionState& connection) {
+            const auto& clients = connection.clientPorts;
+            return connection.empName == strEmp && connection.empPort == strEmpPort &&
+                   std::find(clients.begin(), clients.end(), strClientPort) != clients.end();
+        });
 }
 
 std::vector<std::string> NamesIn(const admin::BrokerState& state) {

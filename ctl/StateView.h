@@ -15,16 +15,22 @@ namespace vok::ctl {
 std::string StatusScreen(const admin::BrokerState& state, const Style& style,
                          const admin::BrokerState* pEarlier = nullptr);
 
-/// A row for every client of every EMP, and one for an EMP without any.
+/// A row for every client of every EMP, and one for an EMP without any; a sentence when there is
+/// none at all.
 std::string EmpList(const admin::BrokerState& state, const Style& style);
 
 /// All about one EMP; none when the broker knows nothing of it.
 std::optional<std::string> EmpReport(const admin::BrokerState& state, const std::string& strEmp,
                                      const Style& style);
 
-/// The part of the state that is about one EMP: its images are those of its groups, too.
+/// The part of the state that is about one EMP, grouping process or launcher: an EMP's images are
+/// those of its groups, too.
 admin::BrokerState StateOf(const admin::BrokerState& state, const std::string& strEmp);
 bool KnowsNothing(const admin::BrokerState& state);
+
+/// Whether this client is connected to this server of the EMP.
+bool HasConnection(const admin::BrokerState& state, const std::string& strEmp,
+                   const std::string& strEmpPort, const std::string& strClientPort);
 
 /// Every EMP that the broker has heard of, each once.
 std::vector<std::string> NamesIn(const admin::BrokerState& state);

@@ -84,6 +84,18 @@ std::string Line(const std::string& strText, const Style& style) {
     return Line(std::vector<Span>{{strText, eColour::None}}, style);
 }
 
+std::string CutLines(const std::string& strText, int nLines, const Style& style) {
+    const auto nAll = std::count(strText.begin(), strText.end(), '\n');
+    if (nAll <= nLines) return strText;
+    std::size_t nEnd = 0;
+    for (int i = 1; i < nLines; ++i) nEnd = strText.find('\n', nEnd) + 1;
+    return strText.substr(0, nEnd) +
+           Line({{(style.bUtf8 ? "\u2026 " : "... ") +
+                      Count(nAll - std::max(nLines - 1, 0), "more line", "more lines"),
+                  eColour::Faint}},
+                style);
+}
+
 void CTable::Add(std::vector<Cell> cells) {
     cells.resize(m_Columns.size(), Cell(""));
     m_Rows.push_back(std::move(cells));

@@ -35,6 +35,10 @@ std::string Painted(const std::string& strText, eColour colour, const Style& sty
 std::string Line(const std::vector<Span>& spans, const Style& style);
 std::string Line(const std::string& strText, const Style& style);
 
+/// The first lines of a text, as many as there is room for; of one that is longer, the last of them
+/// tells how many more there are.
+std::string CutLines(const std::string& strText, int nLines, const Style& style);
+
 /// Rows below headings, each column as wide as its widest cell. Where that is too wide for the
 /// terminal, the widest columns give way, and what does not fit is cut.
 class CTable {

@@ -2,9 +2,7 @@
 // however the program ends, the last look stays.
 #include <poll.h>
 
-#include <array>
 #include <cstdio>
-#include <ctime>
 #include <optional>
 
 #include "ctl/AdminClient.h"
@@ -19,31 +17,12 @@ namespace vok::ctl {
 
 namespace {
 
-std::string Now() {
-    const std::time_t nNow = std::time(nullptr);
-    std::tm now{};
-    std::array<char, 32> text{};
-    if (::gmtime_r(&nNow, &now) != nullptr)
-        (void)std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &now);
-    return text.data();
-}
-
-/// The first lines, as many as there are to see.
-std::string CutLines(const std::string& strText, int nLines) {
-    std::size_t nEnd = 0;
-    for (int i = 0; i < nLines && nEnd < strText.size(); ++i) {
-        const std::size_t nLineEnd = strText.find('\n', nEnd);
-        nEnd = nLineEnd == std::string::npos ? strText.size() : nLineEnd + 1;
-    }
-    return strText.substr(0, nEnd);
-}
-
 /// Over what was there: each line erases what is left of the one before, the last one all below.
 std::string InPlace(const std::string& strScreen, const Style& style, bool bFirst) {
     std::string strText = bFirst ? "\x1B[2J\x1B[H" : "\x1B[H";
     // The last line has no line feed to spare: it would scroll.
     const std::string strSeen =
-        style.nHeight > 1 ? CutLines(strScreen, style.nHeight - 1) : strScreen;
+        style.nHeight > 1 ? CutLines(strScreen, style.nHeight - 1, style) : strScreen;
     for (const char c : strSeen) {
         if (c == '\n') strText += "\x1B[K";
         strText += c;
@@ -102,13 +81,13 @@ void CWatch::Show(const admin::BrokerState& state) {
     // Another broker counts from the beginning.
     if (m_Earlier && state.uptimeMs < m_Earlier->uptimeMs) m_Earlier.reset();
     if (m_Options.bJson) {
-        Json json{{"at", Now()}};
+        Json json{{"at", UtcNow()}};
         json.update(ToJson(state));
         m_Output.AddLine(json);
         m_Output.Flush();
     } else {
         const Style style = GetStyle();
-        ShowScreen(Line({{Now() + "  every " + Duration(m_Options.interval) + "; Ctrl-C ends",
+        ShowScreen(Line({{UtcNow() + "  every " + Duration(m_Options.interval) + "; Ctrl-C ends",
                           eColour::Faint}},
                         style) +
                    StatusScreen(state, style, m_Earlier ? &*m_Earlier : nullptr));
@@ -119,11 +98,11 @@ void CWatch::Show(const admin::BrokerState& state) {
 void CWatch::ShowTrouble(const std::string& strTrouble) {
     m_Earlier.reset();
     if (m_Options.bJson) {
-        m_Output.AddLine({{"at", Now()}, {"error", strTrouble}});
+        m_Output.AddLine({{"at", UtcNow()}, {"error", strTrouble}});
         m_Output.Flush();
         return;
     }
-    ShowScreen(Line({{Now() + "  waiting", eColour::Faint}}, GetStyle()) +
+    ShowScreen(Line({{UtcNow() + "  waiting", eColour::Faint}}, GetStyle()) +
                Line({{strTrouble, eColour::Red}}, GetStyle()));
 }
 
@@ -161,6 +140,9 @@ void CWatch::Run() {
     m_Output.SetInterrupt(m_Signals.EndFd());
     for (int i = 1; Look() && i != m_Options.nFrames && AwaitNext(); ++i) {
     }
+    if (!m_Output.GetStyle().bTerminal) return;
+    m_Output.Add("\r\x1B[K");  // over what a terminal makes of Ctrl-C
+    m_Output.Flush();
 }
 
 }  // namespace

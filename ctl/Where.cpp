@@ -1,5 +1,7 @@
 #include "ctl/Where.h"
 
+#include <algorithm>
+
 #include "ctl/StateView.h"
 #include "ctl/Table.h"
 #include "platform/EmpPaths.h"
@@ -119,7 +121,26 @@ std::string ListedTable(const admin::Whereabouts& whereabouts, const Style& styl
     return '\n' + table.Render(style);
 }
 
+/// What a grouping process or a launcher of that name does.
+std::string HostTable(const admin::Whereabouts& whereabouts, const Style& style) {
+    CTable table{{{"IS ITSELF A"}, {"PORT"}, {"SERVES"}}};
+    for (const admin::LauncherState& group : whereabouts.ownGroups)
+        table.Add({"grouping process", group.port == kNotRunning ? "not running" : group.port,
+                   Join(group.emps, ", ")});
+    for (const admin::LauncherState& launcher : whereabouts.ownLaunchers)
+        table.Add({"register launcher", launcher.port, Join(launcher.emps, ", ")});
+    return table.IsEmpty() ? "" : '\n' + table.Render(style);
+}
+
+bool RunsAsHost(const admin::Whereabouts& whereabouts) {
+    const auto& groups = whereabouts.ownGroups;
+    return !whereabouts.ownLaunchers.empty() ||
+           std::any_of(groups.begin(), groups.end(),
+                       [](const admin::LauncherState& group) { return group.port != kNotRunning; });
+}
+
 std::string ServerTable(const admin::Whereabouts& whereabouts, const Style& style) {
+    if (whereabouts.servers.empty() && RunsAsHost(whereabouts)) return {};
     if (whereabouts.servers.empty())
         return '\n' +
                Line("Nothing serves it now" +
@@ -144,6 +165,8 @@ std::string MountLines(const admin::Whereabouts& whereabouts, const Style& style
                   whereabouts.fileSystem;
     else
         strText = "Nothing is mounted on " + whereabouts.mountPoint;
+    if (whereabouts.mounts > 1)
+        strText += ", the topmost of " + std::to_string(whereabouts.mounts) + " mounts there";
     strText += "; " + Count(whereabouts.mount.count, "open relies", "opens rely") + " on the image";
     if (!whereabouts.mount.image.empty() && whereabouts.mount.image != whereabouts.empName)
         strText += " of " + whereabouts.mount.image;
@@ -179,13 +202,21 @@ std::string FurtherOpen(const admin::Whereabouts& whereabouts) {
     if (whereabouts.option == kOneConnection)
         return "It runs already, and takes one connection only: as long as its server is there, a "
                "further client is refused.";
+    // Its record has gone: an open makes a new one, and a start.
+    if (whereabouts.status == 0)
+        return "A server of it runs, but the broker no longer knows it: a further client gets a "
+               "server of its own.";
     return "It runs already, and is no singleton: a further client gets a server of its own.";
 }
 
 std::string WhereReport(const admin::Whereabouts& whereabouts, const Style& style) {
-    return Sentence(Decision(whereabouts), style) + Sentence(FurtherOpen(whereabouts), style) +
-           FileTable(whereabouts, style) + ListedTable(whereabouts, style) +
-           ServerTable(whereabouts, style) + MountLines(whereabouts, style);
+    // Not cut: a path is of use only whole, and so is the list of clients.
+    Style whole = style;
+    whole.nWidth = 0;
+    return Sentence(Decision(whereabouts), whole) + Sentence(FurtherOpen(whereabouts), whole) +
+           FileTable(whereabouts, whole) + ListedTable(whereabouts, whole) +
+           HostTable(whereabouts, whole) + ServerTable(whereabouts, whole) +
+           MountLines(whereabouts, whole);
 }
 
 }  // namespace vok::ctl

@@ -26,6 +26,7 @@ _vokctl_options() {
   case $1 in
     '') options+=(--version) ;;
     open) options+=(--version --app --hold --until-eof) ;;
+    close) options+=(--force) ;;
     call) options+=(--version --app --list) ;;
     execute) options+=(--arg1) ;;
     list) options+=(--names) ;;
@@ -75,7 +76,9 @@ _vokctl() {
     esac
   done
 
-  if [[ $current == -* ]]; then
+  if [[ $current == -* && $command == @(call|execute) && $positionals -gt 0 ]]; then
+    return # it is, or soon will be, what is passed on
+  elif [[ $current == -* ]]; then
     _vokctl_words "$current" < <(_vokctl_options "$command")
   elif [[ -z $command ]]; then
     _vokctl_choices "$current" status list show where doctor blame watch open close version call \

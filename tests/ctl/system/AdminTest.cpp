@@ -15,6 +15,7 @@ namespace {
 
 using nlohmann::json;
 using ::testing::AllOf;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -130,6 +131,24 @@ TEST_F(AdminCommands, BlameDrawsIntoAFile) {
     EXPECT_THAT(failed.strErr, HasSubstr("cannot write /nowhere/blame.svg: No such file"));
 }
 
+TEST_F(AdminCommands, BlameOfAnEmpWithoutOpensSaysSo) {
+    EXPECT_EQ(Run({"blame", "Nobody"}).strOut, "No open of Nobody is among the last 2.\n");
+    EXPECT_EQ(Run({"blame", "Nobody", "--svg", "/tmp/none.svg"}).strOut,
+              "/tmp/none.svg: No open of Nobody is among the last 2.\n");
+}
+
+TEST_F(AdminCommands, PictureOnTheStandardOutputIsAlone) {
+    for (const char* const szPath : {"-", "/dev/stdout"}) {
+        const VokctlResult result = Run({"blame", "--svg", szPath});
+        EXPECT_EQ(result.nExit, 0) << result.strErr;
+        EXPECT_EQ(result.strErr, std::string(szPath) + ": 2 opens, 110 ms: 2 started\n");
+        pugi::xml_document document;
+        EXPECT_TRUE(document.load_string(result.strOut.c_str())) << result.strOut;
+        EXPECT_THAT(result.strOut, ::testing::EndsWith("</svg>\n"));
+    }
+    EXPECT_FALSE(std::filesystem::exists("-"));
+}
+
 TEST_F(AdminCommands, ChangesAreConfirmed) {
     m_pAnswers->nSwept = 2;
     EXPECT_THAT(Run({"debug-level", "4"}).strOut, StartsWith("log level 4"));
@@ -240,6 +259,8 @@ TEST_F(AdminCommands, WatchRefreshesATerminalInPlaceUntilCtrlC) {
     // The last frame, in five lines: four of text, and none that would scroll.
     const std::string strLast = result.strOut.substr(result.strOut.rfind("\x1B[H"));
     EXPECT_EQ(std::count(strLast.begin(), strLast.end(), '\n'), 4);
+    EXPECT_THAT(strLast, HasSubstr("more lines"));
+    EXPECT_THAT(strLast, EndsWith("\r\x1B[K")) << "the terminal's ^C is wiped away";
 }
 
 TEST_F(AdminCommands, WatchWaitsForABrokerThatIsRestarted) {

@@ -21,6 +21,7 @@ namespace {
 
 using nlohmann::json;
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
@@ -84,13 +85,20 @@ TEST_F(ClientCommands, OpenOfNobodyTellsWhatToDo) {
         "it; \"vokctl where Nowhere\" tells where it looks\n");
 }
 
+TEST_F(ClientCommands, OpenOfTheBrokerBlamesTheName) {
+    const VokctlResult result = Vokctl({"open", "Broker"});
+    EXPECT_EQ(result.nExit, 1);
+    EXPECT_THAT(result.strErr, HasSubstr("that is its own name"));
+}
+
 TEST_F(ClientCommands, OpenThatIsRefusedIsAFailure) {
     CEmpInstaller::Preinstall("Exclusive", CEmpBehaviour().Option("0003"));
     CVokctl first{{"open", "--hold", "Exclusive"}};
     ASSERT_TRUE(first.AwaitOutput("opened Exclusive"));
     const VokctlResult result = Vokctl({"open", "Exclusive"});
     EXPECT_EQ(result.nExit, 1);
-    EXPECT_THAT(result.strErr, HasSubstr("takes one connection only"));
+    EXPECT_THAT(result.strErr, ContainsRegex("Exclusive: refused after [0-9.]+ (us|ms): it takes "
+                                             "one connection only"));
     first.Signal(SIGTERM);
     EXPECT_EQ(first.Finish().nExit, 0);
 }
@@ -103,7 +111,7 @@ TEST_F(ClientCommands, HeldEmpSurvivesASweepAndIsClosedByASignal) {
 
         EXPECT_EQ(Vokctl({"sweep"}).strOut,
                   "closed 0 connections of clients that no longer answer\n");
-        ASSERT_TRUE(process.AwaitOutput("event 99 \"Broker\" \"Ping\": the broker asks"));
+        ASSERT_TRUE(process.AwaitOutput("Z event 99 \"Broker\" \"Ping\": the broker asks"));
         EXPECT_THAT(Clients(), SizeIs(1));
 
         process.Signal(nSignal);
@@ -149,8 +157,13 @@ TEST_F(ClientCommands, HeldEmpTellsItsEventsAsJsonLines) {
     EXPECT_EQ(Vokctl({"debug-level", "4"}).nExit, 0);
     ASSERT_TRUE(process.AwaitOutput("\"callback\""));
     process.Signal(SIGTERM);
-    const json lines = Lines(process.Finish().strOut);
+    json lines = Lines(process.Finish().strOut);
     ASSERT_EQ(lines.size(), 3U);
+    for (json& line : lines) {
+        EXPECT_THAT(line.value("at", ""),
+                    MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z"));
+        line.erase("at");
+    }
     EXPECT_EQ(lines[0]["event"], "opened");
     EXPECT_EQ(lines[0]["empName"], "Weather");
     EXPECT_EQ(
@@ -201,6 +214,49 @@ TEST_F(ClientCommands, CloseTakesTheRecordThatListShows) {
     const VokctlResult failed = Vokctl({"close", "Dead", info.empPort, kClient});
     EXPECT_EQ(failed.nExit, 1);
     EXPECT_THAT(failed.strErr, StartsWith("vokctl: the broker has not closed Dead"));
+}
+
+/// A broker that is told to close what it does not have forgets the singleton that runs on.
+TEST_F(ClientCommands, CloseOfWhatIsNotConnectedIsRefusedAndChangesNothing) {
+    CVokctl holder{{"open", "--hold", "--json", "Weather"}};
+    ASSERT_TRUE(holder.AwaitOutput("}\n"));
+    const json opened = json::parse(holder.Output());
+    const std::string strPort = opened["empPort"];
+    const std::string strClientPort = opened["clientPort"];
+    for (const auto& [strWrongPort, strWrongClient] :
+         {std::pair<std::string, std::string>{"1", strClientPort}, {strPort, "2"}, {"1", "2"}}) {
+        const VokctlResult result = Vokctl({"close", "Weather", strWrongPort, strWrongClient});
+        EXPECT_EQ(result.nExit, 1);
+        EXPECT_EQ(result.strErr, "vokctl: the broker has no connection of " + strWrongClient +
+                                     " to Weather at port " + strWrongPort +
+                                     ": \"vokctl list\" shows what there is\n");
+    }
+    EXPECT_EQ(CAdminClient().GetState().counters.closes, 0) << "the broker was not even asked";
+    EXPECT_EQ(json::parse(Vokctl({"open", "--json", "Weather"}).strOut)["empPort"], strPort)
+        << "the same server still";
+    holder.Signal(SIGTERM);
+    EXPECT_EQ(holder.Finish().nExit, 0);
+}
+
+TEST_F(ClientCommands, CloseThatCannotBeLookedUpTakesForce) {
+    CVokctl holder{{"open", "--hold", "--json", "Weather"}};
+    ASSERT_TRUE(holder.AwaitOutput("}\n"));
+    const json opened = json::parse(holder.Output());
+    const std::vector<std::string> close{"close", "Weather", opened["empPort"],
+                                         opened["clientPort"]};
+    std::filesystem::remove(paths::kAdminSocket);
+    const VokctlResult refused = Vokctl(close);
+    EXPECT_EQ(refused.nExit, 1);
+    EXPECT_THAT(refused.strErr, AllOf(HasSubstr("cannot be looked up"), HasSubstr("--force")));
+
+    std::vector<std::string> forced = close;
+    forced.emplace_back("--force");
+    const VokctlResult closed = Vokctl(forced);
+    EXPECT_EQ(closed.nExit, 0) << closed.strErr;
+    EXPECT_EQ(closed.strOut, "closed Weather\n");
+    AwaitEnd("Weather");
+    holder.Signal(SIGTERM);
+    EXPECT_EQ(holder.Finish().nExit, 0);
 }
 
 TEST_F(ClientCommands, CallGivesTheAnswerAndCloses) {

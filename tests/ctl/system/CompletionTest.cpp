@@ -49,10 +49,21 @@ TEST(Completion, OffersCommandsOptionsAndNames) {
     EXPECT_EQ(Offers("vokctl --timeout 3 open --app x W", 7), "Weather 0\n");
     EXPECT_EQ(Offers("vokctl blame --s", 3), "--svg 0\n");
     EXPECT_EQ(Offers("vokctl open --h", 3), "--help --hold 0\n");
+    EXPECT_EQ(Offers("vokctl close --f", 3), "--force 0\n");
     EXPECT_EQ(Offers("vokctl ping o", 3), "on off 0\n");
     EXPECT_EQ(Offers("vokctl launcher reg", 3), "register 0\n");
     EXPECT_EQ(Offers("vokctl launcher add-emp We", 4), "Weather 0\n");
     EXPECT_EQ(Offers("vokctl show Nob", 3), " 0\n");
+}
+
+/// What follows may be the command word, and is passed on.
+TEST(Completion, OffersNoOptionsOnceCallAndExecuteHaveANameOrCommand) {
+    EXPECT_EQ(Offers("vokctl call --l", 3), "--list 0\n");
+    EXPECT_EQ(Offers("vokctl call Weather --l", 4), " 0\n");
+    EXPECT_EQ(Offers("vokctl call Weather Echo --", 5), " 0\n");
+    EXPECT_EQ(Offers("vokctl execute --arg", 3), "--arg1 0\n");
+    EXPECT_EQ(Offers("vokctl execute GetVOKVersion --", 4), " 0\n");
+    EXPECT_EQ(Offers("vokctl open Weather --ho", 4), "--hold 0\n");
 }
 
 /// Every command of the program is offered, and nothing else.

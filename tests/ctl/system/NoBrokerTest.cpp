@@ -2,20 +2,26 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <thread>
 
 #include "VokBroker.h"
+#include "VokEmp.h"
 #include "platform/EmpPaths.h"
 #include "platform/Limits.h"
 #include "tests/ctl/support/CFakeAdmin.h"
@@ -189,6 +195,7 @@ public:
         if (!bListens) return;
         EXPECT_EQ(::listen(m_Socket.Get(), 8), 0);
     }
+    int Get() const { return m_Socket.Get(); }
 
 private:
     const CUniqueFd m_Socket;
@@ -229,6 +236,112 @@ TEST(SilentBroker, IsStatusFive) {
         EXPECT_EQ(result.nExit, 5) << arguments[0];
         EXPECT_THAT(result.strErr, HasSubstr("has not answered within 100 ms"));
         EXPECT_EQ(CountLines(result.strErr), 1);
+    }
+}
+
+/// The commands that ask the admin service see that it is missing; then they look who has the port.
+TEST(OtherProgram, IsNotTakenForABrokerWithoutItsAdminService) {
+    const CFakeServer server(std::make_shared<VokEmpProcessor>(std::make_shared<VokEmpNull>()),
+                             kBrokerPort);
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"status"}, {"list"}, {"open", "X"}}) {
+        const VokctlResult result = Vokctl(arguments);
+        EXPECT_EQ(result.nExit, 1) << arguments[0];
+        EXPECT_EQ(result.strErr,
+                  "vokctl: something else has port 50000, which does not speak like a broker: \"ss "
+                  "-ltnp 'sport = :50000'\" tells what it is\n");
+    }
+}
+
+/// A web server: what it answers is no answer.
+TEST(OtherProgram, ThatSpeaksAnotherProtocolIsToldFromABroker) {
+    const CSquatter squatter{true};
+    std::thread server([&squatter] {
+        const CUniqueFd peer{::accept4(squatter.Get(), nullptr, nullptr, SOCK_CLOEXEC)};
+        std::array<char, 512> request;
+        (void)!::recv(peer.Get(), request.data(), request.size(), 0);
+        constexpr char kReply[] = "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
+        (void)::send(peer.Get(), kReply, sizeof kReply - 1, MSG_NOSIGNAL);
+        // The peer closes first: then nothing lingers at the port.
+        (void)!::recv(peer.Get(), request.data(), request.size(), 0);
+    });
+    const VokctlResult result = Vokctl({"status"});
+    server.join();
+    EXPECT_EQ(result.nExit, 1);
+    EXPECT_THAT(result.strErr, StartsWith("vokctl: something else has port 50000"));
+}
+
+TEST(OtherProgram, ThatSaysNothingMayBeABrokerThatHangs) {
+    const CSquatter squatter{true};
+    const VokctlResult result = Vokctl({"status", "--timeout", "0.1"});
+    EXPECT_EQ(result.nExit, 5);
+    EXPECT_THAT(result.strErr, HasSubstr("a broker that hangs, or another program; \"ss -ltnp"));
+}
+
+/// Tells its version, and opens nothing until it may.
+class CSlowBroker : public VokBrokerNull {
+public:
+    explicit CSlowBroker(std::shared_future<void> end) : m_End(std::move(end)) {}
+    void OpenEmp(ConnectionInfo&, const std::string&, const std::string&, const std::string&,
+                 const std::string&) override {
+        m_End.wait();
+    }
+    void Execute(std::string& _return, const std::string&, const std::string&, const std::string&,
+                 const std::string&, const std::string&, const std::string&) override {
+        _return = "5.100";
+    }
+
+private:
+    const std::shared_future<void> m_End;
+};
+
+TEST(SlowBroker, OpenThatTimesOutTellsWhatMayComeOfIt) {
+    std::promise<void> end;
+    const CFakeServer server(std::make_shared<VokBrokerProcessor>(
+                                 std::make_shared<CSlowBroker>(end.get_future().share())),
+                             kBrokerPort);
+    const VokctlResult result = Vokctl({"open", "X", "--timeout", "0.5"});
+    end.set_value();
+    EXPECT_EQ(result.nExit, 5);
+    EXPECT_EQ(CountLines(result.strErr), 1);
+    EXPECT_THAT(result.strErr,
+                AllOf(HasSubstr("\"vokctl list\" tells"), HasSubstr("\"vokctl sweep\" closes it")));
+}
+
+// ---- The loopback interface ---------------------------------------------------------------------
+
+/// Down as long as it lives. What was sent there before vanishes without an error.
+class CLoopbackDown {
+public:
+    CLoopbackDown() { Set(false); }
+    ~CLoopbackDown() { Set(true); }
+    CLoopbackDown(const CLoopbackDown&) = delete;
+    CLoopbackDown& operator=(const CLoopbackDown&) = delete;
+
+private:
+    static void Set(bool bUp) {
+        const CUniqueFd fd{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+        ifreq request{};
+        std::strcpy(request.ifr_name, "lo");
+        ASSERT_EQ(::ioctl(fd.Get(), SIOCGIFFLAGS, &request), 0);
+        request.ifr_flags =
+            static_cast<short>(bUp ? request.ifr_flags | IFF_UP : request.ifr_flags & ~IFF_UP);
+        ASSERT_EQ(::ioctl(fd.Get(), SIOCSIFFLAGS, &request), 0);
+    }
+};
+
+TEST(LoopbackDown, IsToldAtOnceWithStatusThree) {
+    const CLoopbackDown down;
+    for (const auto& arguments : kAsking) {
+        // Shorter than a connect that nobody answers takes, so that this one would be status 5.
+        std::vector<std::string> patient = arguments;
+        patient.insert(patient.begin(), {"--timeout", "0.5"});
+        const VokctlResult result = Vokctl(patient);
+        EXPECT_EQ(result.nExit, 3) << arguments[0];
+        EXPECT_EQ(result.strErr,
+                  "vokctl: the broker on 127.0.0.1:50000 cannot be reached: the loopback interface "
+                  "is down; \"ip link set lo up\" brings it up\n")
+            << arguments[0];
     }
 }
 
@@ -296,6 +409,26 @@ TEST(DoctorCommand, FindsASquatter) {
     EXPECT_THAT(TextOf(Findings(result), "port 50000"), HasSubstr("does not answer"));
 }
 
+/// Who serves at the port has nothing to do with a socket file that a broker has left.
+TEST(DoctorCommand, JudgesTheAdminSocketByItself) {
+    CDaemon::LayOutPlugins();
+    const CSquatter squatter{true};
+    fs::create_directories(paths::kAdminFolder);
+    const CUniqueFd left{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, paths::kAdminSocket);
+    ASSERT_EQ(::bind(left.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    for (const bool bLoopback : {true, false}) {
+        const auto pDown = bLoopback ? nullptr : std::make_unique<CLoopbackDown>();
+        const nlohmann::json report = Findings(Vokctl({"doctor", "--json", "--timeout", "0.5"}));
+        EXPECT_THAT(TextOf(report, "loopback"), HasSubstr(bLoopback ? "lo is up" : "lo is down"));
+        EXPECT_THAT(TextOf(report, "port 50000"), HasSubstr("does not answer"));
+        EXPECT_THAT(TextOf(report, "admin socket"), HasSubstr("was left by a broker"));
+    }
+    fs::remove_all(paths::kAdminFolder);
+}
+
 TEST(DoctorCommand, TellsPeople) {
     CDaemon::LayOutPlugins();
     const VokctlResult result = Vokctl({"doctor"});
@@ -329,6 +462,11 @@ TEST(OtherUser, IsToldThatItTakesRoot) {
     EXPECT_EQ(result.nExit, 4);
     EXPECT_EQ(CountLines(result.strErr), 1);
     EXPECT_THAT(result.strErr, HasSubstr("root"));
+
+    const VokctlResult close = Vokctl({"close", "X", "1", "2"}, options);
+    EXPECT_EQ(close.nExit, 4);
+    EXPECT_THAT(close.strErr, AllOf(HasSubstr("cannot be looked up"), HasSubstr("--force")));
+    EXPECT_EQ(Vokctl({"close", "X", "1", "2", "--force"}, options).nExit, 3) << "it asks a broker";
 }
 
 }  // namespace

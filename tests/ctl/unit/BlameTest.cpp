@@ -103,6 +103,16 @@ TEST(Blame, TableHasABarForEachOpenAndTotals) {
               "reported 8.00 ms (39 %), answered 130 us (1 %)\n");
 }
 
+TEST(Blame, OpenThatWaitedForSomebodyElsesStartSaysSo) {
+    const auto opens = LongestFirst(
+        {Open("Image", 2, 60, -1, -1, 44'000, 44'030), Started("Image"), Reused("Image")}, "", 0);
+    const std::string strReport = BlameReport(opens, Plain());
+    EXPECT_THAT(strReport,
+                HasSubstr("Image  waited   1 min 1 s  44.0 ms    60 us        -        -   43.9 ms"
+                          "     30 us  rrr"));
+    EXPECT_EQ(BlameSummary(opens), "3 opens, 64.3 ms: 1 started, 1 reused, 1 waited");
+}
+
 TEST(Blame, BarsFitEveryTerminal) {
     const auto opens = LongestFirst({Started("Image"), Reused("Image")}, "", 0);
     Style style = Plain();
@@ -123,6 +133,8 @@ TEST(Blame, BarsFitEveryTerminal) {
 
 TEST(Blame, NothingYetIsSaid) {
     EXPECT_EQ(BlameReport({}, Plain()), "No open has ended yet.\n");
+    EXPECT_EQ(NoOpens("Nobody", 0), "No open has ended yet.");
+    EXPECT_EQ(NoOpens("Nobody", 13), "No open of Nobody is among the last 13.");
 }
 
 TEST(Blame, OpensWithoutAnyTimeDrawNoBar) {
@@ -161,6 +173,12 @@ TEST(BlameSvg, HasALaneForEachOpenAndAPieceForEachPhase) {
         EXPECT_THAT(strText, HasSubstr(szText));
 }
 
+TEST(BlameSvg, TellsOfAWaitForSomebodyElsesStart) {
+    const std::string strSvg =
+        BlameSvg(LongestFirst({Open("Image", 2, 60, -1, -1, 44'000, 44'030)}, "", 0));
+    EXPECT_THAT(AllText(Loaded(strSvg)), HasSubstr("44.0 ms, waited"));
+}
+
 TEST(BlameSvg, PiecesFollowEachOtherWithinTheAxis) {
     const pugi::xml_document document = Loaded(BlameSvg(LongestFirst({Started("Image")}, "", 0)));
     double dEnd = 230;
@@ -195,6 +213,19 @@ TEST(BlameSvg, StaysFiniteWhateverTheNumbers) {
 
 TEST(BlameSvg, NothingYetIsAPictureToo) {
     EXPECT_THAT(AllText(Loaded(BlameSvg({}))), HasSubstr("No open has ended yet"));
+    EXPECT_THAT(AllText(Loaded(BlameSvg({}, NoOpens("A&B", 2)))),
+                HasSubstr("No open of A&B is among the last 2."));
+}
+
+TEST(BlameSvg, LegendExplainsTheRedOfFailures) {
+    const pugi::xml_document document =
+        Loaded(BlameSvg(LongestFirst({Open("Nowhere", 0, 10, -1, -1, -1, 20)}, "", 0)));
+    const std::string strRed =
+        document.select_node("/svg/g/rect[2]").node().attribute("fill").value();
+    const pugi::xml_node box =
+        document.select_node(("/svg/rect[@fill='" + strRed + "']").c_str()).node();
+    ASSERT_TRUE(box) << "the legend does not have " << strRed;
+    EXPECT_STREQ(box.next_sibling().child_value(), "in vain: it failed");
 }
 
 // ---- The file -----------------------------------------------------------------------------------
@@ -259,6 +290,16 @@ TEST(WriteFileAtOnce, WritesThroughALink) {
 
     EXPECT_TRUE(std::filesystem::is_symlink(folder.Path("link")));
     EXPECT_EQ(Content(folder.Path("file")), "new");
+}
+
+TEST(IsFileOrMissing, TellsWhatIsReplacedFromWhatIsWrittenTo) {
+    const test::CTemporaryFolder folder;
+    EXPECT_TRUE(IsFileOrMissing(folder.Path("none")));
+    std::ofstream(folder.Path("file")) << "old";
+    EXPECT_TRUE(IsFileOrMissing(folder.Path("file")));
+    std::filesystem::create_symlink(folder.Path("file"), folder.Path("link"));
+    EXPECT_FALSE(IsFileOrMissing(folder.Path("link")));
+    EXPECT_FALSE(IsFileOrMissing("/dev/null"));
 }
 
 TEST(WriteFileAtOnce, WritesIntoWhatIsNoFile) {

@@ -11,6 +11,7 @@ namespace {
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 ParseResult Parse(std::vector<const char*> arguments) {
     arguments.insert(arguments.begin(), "vokctl");
@@ -76,21 +77,85 @@ TEST_P(WrongUsage, IsToldWithStatusTwo) {
 
 INSTANTIATE_TEST_SUITE_P(
     Of, WrongUsage,
-    ::testing::Values(UsageCase{"Nothing", {}}, UsageCase{"UnknownCommand", {"opne", "X"}},
-                      UsageCase{"UnknownOption", {"status", "--jsno"}},
-                      UsageCase{"MissingName", {"open"}}, UsageCase{"TooMuch", {"open", "X", "Y"}},
-                      UsageCase{"TwoCommands", {"list", "status"}},
-                      UsageCase{"LauncherAlone", {"launcher"}},
-                      UsageCase{"MissingPort", {"launcher", "register", "L"}},
-                      UsageCase{"NoSwitch", {"ping", "maybe"}},
-                      UsageCase{"LevelOfWords", {"debug-level", "much"}},
-                      UsageCase{"LevelTooHigh", {"debug-level", "65536"}},
-                      UsageCase{"TimeoutOfNothing", {"status", "--timeout", "0"}},
-                      UsageCase{"TimeoutBackwards", {"status", "--timeout=-1"}},
-                      UsageCase{"UntilEofWithoutHold", {"open", "X", "--until-eof"}},
-                      UsageCase{"FiveArguments", {"execute", "C", "3", "4", "5", "6", "7"}},
-                      UsageCase{"NoFrames", {"watch", "--count", "0"}}),
+    ::testing::Values(
+        UsageCase{"Nothing", {}}, UsageCase{"UnknownCommand", {"opne", "X"}},
+        UsageCase{"UnknownOption", {"status", "--jsno"}}, UsageCase{"MissingName", {"open"}},
+        UsageCase{"TooMuch", {"open", "X", "Y"}}, UsageCase{"TwoCommands", {"list", "status"}},
+        UsageCase{"LauncherAlone", {"launcher"}},
+        UsageCase{"MissingPort", {"launcher", "register", "L"}},
+        UsageCase{"PortOfLetters", {"launcher", "register", "L", "notaport"}},
+        UsageCase{"PortZero", {"launcher", "register", "L", "0"}},
+        UsageCase{"PortTooLarge", {"launcher", "register", "L", "65536"}},
+        UsageCase{"PortTooLong", {"launcher", "register", "L", "4294967297"}},
+        UsageCase{"PortInHex", {"launcher", "register", "L", "0x1F90"}},
+        UsageCase{"NoSwitch", {"ping", "maybe"}},
+        UsageCase{"LevelOfWords", {"debug-level", "much"}},
+        UsageCase{"LevelTooHigh", {"debug-level", "65536"}},
+        UsageCase{"TimeoutOfNothing", {"status", "--timeout", "0"}},
+        UsageCase{"TimeoutBackwards", {"status", "--timeout=-1"}},
+        UsageCase{"UntilEofWithoutHold", {"open", "X", "--until-eof"}},
+        UsageCase{"FiveArguments", {"execute", "C", "3", "4", "5", "6", "7"}},
+        UsageCase{"NoFrames", {"watch", "--count", "0"}},
+        UsageCase{"OptionBeforeTheCommandWord", {"call", "X", "--jsno", "Y"}},
+        UsageCase{"WhereOfNoName", {"where", ""}}, UsageCase{"ShowOfNoName", {"show", ""}},
+        UsageCase{"BlameOfNoName", {"blame", ""}}, UsageCase{"OpenOfNoName", {"open", ""}},
+        UsageCase{"NoApplication", {"open", "X", "--app", ""}},
+        UsageCase{"NoVersion", {"open", "X", "--version", ""}},
+        UsageCase{"CallOfNoName", {"call", "", "Y"}},
+        UsageCase{"CallOfNoCommand", {"call", "X", ""}},
+        UsageCase{"ExecuteOfNoCommand", {"execute", ""}},
+        UsageCase{"CloseOfNoName", {"close", "", "1", "2"}},
+        UsageCase{"CloseOfNoPort", {"close", "X", "", "2"}},
+        UsageCase{"LauncherOfNoName", {"launcher", "register", "", "1"}},
+        UsageCase{"LauncherOfNoPort", {"launcher", "register", "L", ""}},
+        UsageCase{"CloseAllOfNoApplication", {"close-all", ""}},
+        UsageCase{"TwoForTheOutput", {"blame", "--json", "--svg", "-"}}),
     [](const auto& info) { return info.param.szName; });
+
+TEST(WrongWord, IsNamedAndTheNearestCommandWithIt) {
+    EXPECT_EQ(Parse({"bogus"}).strText,
+              "there is no command \"bogus\" (vokctl --help tells what there is)");
+    EXPECT_EQ(Parse({"opne", "X"}).strText,
+              "there is no command \"opne\": did you mean \"open\"? (vokctl --help tells what "
+              "there is)");
+    EXPECT_EQ(Parse({"launcher", "foo"}).strText,
+              "there is no command \"foo\" (vokctl launcher --help tells more)");
+    EXPECT_THAT(Parse({"launcher", "regster", "L", "1"}).strText,
+                HasSubstr("did you mean \"register\"?"));
+    EXPECT_THAT(Parse({"--bogus"}).strText, HasSubstr("there is no option \"--bogus\""));
+    EXPECT_THAT(Parse({"[bogus"}).strText, HasSubstr("no command \"[bogus\""));
+    EXPECT_THAT(Parse({""}).strText, HasSubstr("no command \"\""));
+    EXPECT_THAT(Parse({}).strText, HasSubstr("which command?"));
+}
+
+TEST(WrongUsageText, NamesTheHelpOfTheCommandAtHand) {
+    EXPECT_THAT(Parse({"open"}).strText, HasSubstr("(vokctl open --help tells more)"));
+    EXPECT_THAT(Parse({"launcher", "register", "L"}).strText,
+                HasSubstr("(vokctl launcher register --help tells more)"));
+}
+
+TEST(WrongUsageText, OfANumberIsShort) {
+    EXPECT_EQ(Parse({"blame", "--most", "0"}).strText,
+              "--most: 0 is no number from 1 to 2147483647 (vokctl blame --help tells more)");
+    for (const char* const szCount : {"-3", "x", "", "1.5", "99999999999"})
+        EXPECT_THAT(Parse({"watch", "--count", szCount}).strText,
+                    HasSubstr(std::string(szCount) + " is no number from 1 to 2147483647"));
+}
+
+TEST(Help, TellsWhatOptionsTakeAndTheirDefaults) {
+    const std::string strOpen = Parse({"open", "--help"}).strText;
+    EXPECT_THAT(strOpen, HasSubstr("  --version V                 The version to ask for; 1.0 "));
+    EXPECT_THAT(strOpen, HasSubstr("  --app INFO                  The application that opens it; "
+                                   "vokctl "));
+    EXPECT_THAT(strOpen, HasSubstr("  --until-eof                 With --hold"));
+    const std::string strCall = Parse({"call", "--help"}).strText;
+    EXPECT_THAT(strCall, HasSubstr("[OPTIONS] NAME CMD [ARGS...]\n"));
+    EXPECT_THAT(strCall, HasSubstr("  ARGS                        Its arguments"));
+    EXPECT_THAT(Parse({"execute", "--help"}).strText, HasSubstr("[OPTIONS] CMD [ARGS...]\n"));
+    EXPECT_THAT(Parse({"debug-level", "--help"}).strText,
+                HasSubstr("  LEVEL                       0 errors"));
+    EXPECT_THAT(Parse({"watch", "--help"}).strText, HasSubstr("  --count N                   End"));
+}
 
 TEST(CommandLine, HelpIsDoneAndNamesEveryExitStatus) {
     const ParseResult result = Parse({"--help"});
@@ -99,6 +164,7 @@ TEST(CommandLine, HelpIsDoneAndNamesEveryExitStatus) {
                                        "3 no broker", "4 takes root", "5 no answer"})
         EXPECT_THAT(result.strText, HasSubstr(szStatus));
     EXPECT_THAT(Parse({"open", "--help"}).strText, HasSubstr("--hold"));
+    EXPECT_THAT(result.strText, Not(HasSubstr("docs/"))) << "a file of the sources only";
 }
 
 TEST(CommandLine, TellsItsOwnVersion) {
@@ -139,6 +205,34 @@ TEST(CommandLine, CallPassesOnWhateverFollows) {
     EXPECT_TRUE(options.bAsList);
     EXPECT_FALSE(options.bJson);
     EXPECT_TRUE(Parsed({"--json", "call", "X", "Seek"}).bJson);
+}
+
+TEST(CommandLine, OptionsBeforeTheCommandWordAreVokctlsOwn) {
+    const Options call = Parsed({"call", "X", "--json", "--app", "me", "Seek", "--app", "--list"});
+    EXPECT_TRUE(call.bJson);
+    EXPECT_FALSE(call.bAsList);
+    EXPECT_EQ(call.strApp, "me");
+    EXPECT_EQ(call.strCmd, "Seek");
+    EXPECT_THAT(call.arguments, ElementsAre("--app", "--list"));
+
+    const Options late = Parsed({"call", "X", "Seek", "--json", "--", "--help", "-h"});
+    EXPECT_FALSE(late.bJson);
+    EXPECT_THAT(late.arguments, ElementsAre("--json", "--", "--help", "-h"));
+
+    const Options execute = Parsed({"--timeout", "3", "execute", "--json", "C", "--json", "-1"});
+    EXPECT_TRUE(execute.bJson);
+    EXPECT_EQ(execute.strCmd, "C");
+    EXPECT_THAT(execute.arguments, ElementsAre("--json", "-1"));
+
+    const Options dashes = Parsed({"call", "--", "-X", "--json", "--list"});
+    EXPECT_EQ(dashes.strName, "-X");
+    EXPECT_EQ(dashes.strCmd, "--json");
+    EXPECT_THAT(dashes.arguments, ElementsAre("--list"));
+}
+
+TEST(CommandLine, CloseMayBeForced) {
+    EXPECT_FALSE(Parsed({"close", "X", "1", "2"}).bForce);
+    EXPECT_TRUE(Parsed({"close", "X", "1", "2", "--force"}).bForce);
 }
 
 TEST(CommandLine, WhatLooksLikeAListIsOneArgument) {

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include "ctl/Doctor.h"
 #include "ctl/ImageFile.h"
@@ -46,10 +47,26 @@ std::string Erofs(std::uint64_t nBlocks) {
     return WithNumber(strImage, 1024 + 36, nBlocks, 4);
 }
 
+/// As long as it lives, files that are closed to others are closed to the test, even to root's.
+class CAsOrdinaryUser {
+public:
+    CAsOrdinaryUser() : m_nUser(::geteuid()) {
+        if (m_nUser == 0 && ::seteuid(kNobody) != 0) throw std::runtime_error("seteuid");
+    }
+    ~CAsOrdinaryUser() { EXPECT_EQ(::seteuid(m_nUser), 0); }
+    CAsOrdinaryUser(const CAsOrdinaryUser&) = delete;
+    CAsOrdinaryUser& operator=(const CAsOrdinaryUser&) = delete;
+
+private:
+    static constexpr uid_t kNobody = 65534;
+    uid_t m_nUser;
+};
+
 /// A sound set without a broker. Its tests break one thing each.
 class Doctor : public ::testing::Test {
 protected:
     Doctor() {
+        fs::permissions(m_Root.Path(), fs::perms(0755));
         m_Patient.strRoot = m_Root.Path();
         m_Patient.nOwner = ::geteuid();
         m_Patient.loopbackUp = [this] { return m_bLoopback; };
@@ -83,6 +100,16 @@ protected:
         const std::string strPath = "/usr/bin/emps/emp" + strEmp + "/emp" + strEmp;
         fs::create_directories(fs::path(Path(strPath)).parent_path());
         fs::copy_file("/proc/self/exe", Path(strPath));
+    }
+    void Close(const std::string& strPath) { fs::permissions(Path(strPath), fs::perms(0)); }
+    void Open(const std::string& strPath) { fs::permissions(Path(strPath), fs::perms(0755)); }
+    std::vector<std::string> ComplaintsToAnOrdinaryUser() const {
+        const CAsOrdinaryUser user;
+        return Complaints();
+    }
+    std::string TextForAnOrdinaryUser() const {
+        const CAsOrdinaryUser user;
+        return AllText();
     }
     void ServeBroker() {
         m_Port = {PortLook::Broker, "5.100"};
@@ -147,7 +174,8 @@ TEST_F(Doctor, WarnsOfAPortThatTheKernelMayGiveAway) {
     Write("/proc/sys/net/ipv4/ip_local_reserved_ports", "8080,9000-9010\n");
     EXPECT_THAT(Complaints(),
                 ElementsAre(HasSubstr("warning port range: 50000 is one of the ports")));
-    EXPECT_THAT(AllText(), HasSubstr("ip_local_reserved_ports=8080,9000-9010,50000"));
+    EXPECT_THAT(AllText(), HasSubstr("ip_local_reserved_ports=8080,9000-9010,50000\" into "
+                                     "/etc/sysctl.d/60-vok-broker.conf"));
 
     Write("/proc/sys/net/ipv4/ip_local_port_range", "32768 49999\n");
     EXPECT_THAT(Complaints(), IsEmpty());
@@ -171,6 +199,27 @@ TEST_F(Doctor, ComparesTheReadyFlagWithTheBroker) {
     Folder("/tmp/vok_ready");
     EXPECT_THAT(Complaints(),
                 ElementsAre(HasSubstr("problem ready flag: /tmp/vok_ready is a folder")));
+}
+
+TEST_F(Doctor, TellsABrokerThatStartsFromOneThatWasKilled) {
+    Write("/tmp/vok_ready", "");
+    m_Admin = {AdminLook::Refused};
+    Write("/proc/4711/comm", "vok-broker\n");
+    Write("/proc/4711/cmdline", std::string("/usr/bin/vok-broker\0", 20));
+    EXPECT_THAT(Complaints(), ElementsAre("warning port 50000: free: a vok-broker runs, process "
+                                          "4711, and does not serve: it starts or stops"));
+    EXPECT_THAT(AllText(), HasSubstr("admin.sock is not served yet"));
+    fs::remove(Path("/tmp/vok_ready"));
+    EXPECT_THAT(AllText(), HasSubstr("/tmp/vok_ready is not there yet"));
+
+    Write("/tmp/vok_ready", "");
+    Write("/proc/4711/cmdline", "");  // it has ended, and nobody has asked how
+    EXPECT_THAT(Complaints(),
+                ElementsAre(HasSubstr("one was killed"), HasSubstr("a broker that was killed")));
+    Write("/proc/4711/cmdline", "vok-brokerd");
+    Write("/proc/4711/comm", "vok-brokerd\n");
+    EXPECT_THAT(Complaints(),
+                ElementsAre(HasSubstr("one was killed"), HasSubstr("a broker that was killed")));
 }
 
 TEST_F(Doctor, LooksAtTheAdminSocket) {
@@ -260,6 +309,74 @@ TEST_F(Doctor, FindsFoldersThatNobodyLooksAt) {
                                           "warning EMP: /usr/bin/emps/Weather is never looked at"));
 }
 
+TEST_F(Doctor, FindsPreinstalledFoldersWithoutAProgram) {
+    Folder("/usr/bin/emps/empWeather");
+    Folder("/usr/bin/emps/empPepperPlugins");
+    EXPECT_THAT(Complaints(),
+                ElementsAre("warning EMP: /usr/bin/emps/empWeather holds no program"));
+    // A grouping process may come as an image.
+    Write("/usr/bin/emps/empWeather/empWeather.xml", "<Emp><Version>1</Version></Emp>");
+    EXPECT_THAT(Complaints(), IsEmpty());
+
+    fs::create_symlink("/nowhere", Path("/usr/bin/emps/empWeather/empWeather"));
+    EXPECT_THAT(Complaints(), ElementsAre("problem program: /usr/bin/emps/empWeather/empWeather is "
+                                          "a link to nowhere"));
+}
+
+TEST_F(Doctor, LeavesLostAndFoundAlone) {
+    Folder("/opt/down/emps/lost+found");
+    EXPECT_THAT(Complaints(), IsEmpty());
+}
+
+TEST_F(Doctor, DoesNotBlameFilesThatOnlyRootMayRead) {
+    Preinstall("Weather");
+    const std::string strProgram = "/usr/bin/emps/empWeather/empWeather";
+    const std::string strConfig = strProgram + ".xml";
+    const std::string strImage = "/opt/down/emps/empClock_img/empClock.img";
+    const std::string strPolicy = "/opt/down/common/LogPolicyConfig.xml";
+    Write(strConfig, "<Emp><Version>1</Version></Emp>");
+    Write(strImage, Squashfs(4096));
+    for (const std::string& strFile : {strProgram, strConfig, strImage, strPolicy}) Close(strFile);
+
+    EXPECT_THAT(ComplaintsToAnOrdinaryUser(), IsEmpty());
+    const std::string strText = TextForAnOrdinaryUser();
+    for (const std::string& strFile : {strProgram, strConfig, strImage, strPolicy})
+        EXPECT_THAT(strText, HasSubstr(strFile + ": only root may look"));
+}
+
+TEST_F(Doctor, DoesNotMissWhatLiesInFoldersOfRoot) {
+    Preinstall("Weather");
+    Write("/opt/down/emps/empClock_img/empClock.img", Squashfs(4096));
+    const std::vector<std::string> folders{"/usr/bin/emps/empWeather",
+                                           "/opt/down/emps/empClock_img"};
+    for (const std::string& strFolder : folders) Close(strFolder);
+    EXPECT_THAT(ComplaintsToAnOrdinaryUser(), IsEmpty());
+    for (const std::string& strFolder : folders)
+        EXPECT_THAT(TextForAnOrdinaryUser(), HasSubstr(strFolder + ": only root may look"));
+    for (const std::string& strFolder : folders) Open(strFolder);  // or they could not be removed
+
+    Close("/opt/down");
+    EXPECT_THAT(ComplaintsToAnOrdinaryUser(), IsEmpty());
+    EXPECT_THAT(TextForAnOrdinaryUser(), HasSubstr("/opt/down/pepper/webapis: only root may look"));
+    Open("/opt/down");
+}
+
+TEST_F(Doctor, CountsMountsOneOverTheOther) {
+    const std::string strLine = "36 35 7:3 / /opt/down/emps/empA ro - squashfs /dev/loop3 ro\n";
+    const std::string strOther = "37 35 7:4 / /opt/down/emps/empB ro - squashfs /dev/loop4 ro\n";
+    const std::string strHome = "38 1 8:1 / /home ro - ext4 /dev/sda ro\n";
+    Write("/proc/self/mountinfo", strLine + strOther + strHome + strHome);
+    EXPECT_THAT(Complaints(), IsEmpty());
+    Write("/proc/self/mountinfo", strLine + strOther + strLine);
+    EXPECT_THAT(Complaints(),
+                ElementsAre("warning mount: 2 mounts lie on /opt/down/emps/empA, one over the "
+                            "other, and only the topmost is seen"));
+    ServeBroker();
+    EXPECT_THAT(Complaints(), IsEmpty()) << "the broker's own are what counts";
+    Write("/proc/812/mountinfo", strOther + strOther + strOther);
+    EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("3 mounts lie on /opt/down/emps/empB")));
+}
+
 TEST_F(Doctor, LooksAtPrograms) {
     Preinstall("Weather");
     EXPECT_THAT(Complaints(), IsEmpty());
@@ -267,6 +384,9 @@ TEST_F(Doctor, LooksAtPrograms) {
     EXPECT_THAT(AllText(), HasSubstr(strPath + " can be started"));
     fs::permissions(Path(strPath), fs::perms(0644));
     EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("it may not be executed")));
+    fs::permissions(Path(strPath), fs::perms(0755));
+    fs::resize_file(Path(strPath), 4096);
+    EXPECT_THAT(Complaints(), ElementsAre(HasSubstr(strPath + ": it ends after 4096 of ")));
     Write(strPath, "#!/bin/sh\n");
     EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("it is a script")));
     Write(strPath, "nothing");
@@ -337,6 +457,7 @@ TEST_F(Doctor, ReadsTheLogPolicy) {
     EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("15_vok lacks expiration loglevel")));
     Write(strPolicy, "<Policy/>");
     EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("has no element 15_vok")));
+    EXPECT_THAT(AllText(), HasSubstr("see vok-broker(8)\n"));
     Write(strPolicy, "<Policy>");
     EXPECT_THAT(Complaints(), ElementsAre(HasSubstr("problem log policy")));
     fs::remove(Path(strPolicy));

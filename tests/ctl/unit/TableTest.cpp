@@ -78,6 +78,15 @@ TEST(Table, CountsPiecesOfACellTogether) {
     EXPECT_EQ(table.Render(Plain()), "BAR    X\nllmmm  x\n");
 }
 
+TEST(CutLines, TellsHowManyAreLeftOut) {
+    EXPECT_EQ(CutLines("a\nb\nc\n", 3, Plain()), "a\nb\nc\n");
+    EXPECT_EQ(CutLines("a\nb\nc\nd\n", 3, Plain()), "a\nb\n\u2026 2 more lines\n");
+    EXPECT_EQ(CutLines("a\nb\n", 1, Plain()), "\u2026 2 more lines\n");
+    Style ascii = Plain();
+    ascii.bUtf8 = false;
+    EXPECT_EQ(CutLines("a\nb\nc\n", 2, ascii), "a\n... 2 more lines\n");
+}
+
 TEST(Line, IsCutInTheMiddleOfItsPieces) {
     EXPECT_EQ(Line({{"vok-broker", eColour::None}, {" 5.100"}}, Plain(13)), "vok-broker 5.100\n");
     Style inPlace = Plain(13);

@@ -129,6 +129,19 @@ TEST(EmpList, KeepsAConnectionWhoseEmpHasJustGone) {
     EXPECT_THAT(EmpList(state, Style()), HasSubstr("Gone  40012  37001"));
 }
 
+TEST(EmpList, OfNoneSaysSo) {
+    EXPECT_EQ(EmpList(admin::BrokerState(), Style()), "The broker knows no EMP.\n");
+}
+
+TEST(HasConnection, ComparesAllThree) {
+    const admin::BrokerState state = SampleState();
+    EXPECT_TRUE(HasConnection(state, "Weather", "40011", "37002"));
+    EXPECT_FALSE(HasConnection(state, "Clock", "40011", "37002"));
+    EXPECT_FALSE(HasConnection(state, "Weather", "40012", "37002"));
+    EXPECT_FALSE(HasConnection(state, "Weather", "40011", "37003"));
+    EXPECT_FALSE(HasConnection(admin::BrokerState(), "Weather", "40011", "37002"));
+}
+
 TEST(EmpReport, ShowsOneEmpWithItsGroupAndImage) {
     admin::BrokerState state = SampleState();
     admin::MountState mount;
@@ -142,6 +155,18 @@ TEST(EmpReport, ShowsOneEmpWithItsGroupAndImage) {
     EXPECT_THAT(*report, HasSubstr("Messages  grouping process"));
     EXPECT_THAT(*report, Not(HasSubstr("Weather")));
     EXPECT_FALSE(EmpReport(state, "Nobody", Style()));
+}
+
+TEST(EmpReport, ShowsAHostByItsOwnName) {
+    const auto group = EmpReport(SampleState(), "Messages", Style());
+    ASSERT_TRUE(group);
+    EXPECT_EQ(*group,
+              "Launchers and groups\n"
+              "LAUNCHER  KIND              PORT         EMPS\n"
+              "Messages  grouping process  not running  Chat, Mail\n");
+    const auto launcher = EmpReport(SampleState(), "Tuner", Style());
+    ASSERT_TRUE(launcher);
+    EXPECT_THAT(*launcher, HasSubstr("Tuner     register launcher  40100  Radio"));
 }
 
 TEST(NamesIn, AreThoseThatCanBeOpened) {
@@ -265,6 +290,10 @@ TEST(FurtherOpen, DependsOnTheOption) {
     admin::Whereabouts whereabouts = At(2, true, false, true);
     EXPECT_EQ(FurtherOpen(whereabouts), "");
     whereabouts.servers = {Server("40011", 901, "/m")};
+    EXPECT_EQ(FurtherOpen(whereabouts),
+              "A server of it runs, but the broker no longer knows it: a further client gets a "
+              "server of its own.");
+    whereabouts.status = 2;
     whereabouts.option = "0001";
     EXPECT_THAT(FurtherOpen(whereabouts), HasSubstr("gets the server at port 40011"));
     whereabouts.option = "0002";
@@ -308,6 +337,33 @@ TEST(WhereReport, TellsFilesTablesServersAndMount) {
     style.bUtf8 = true;
     EXPECT_THAT(WhereReport(whereabouts, style),
                 HasSubstr("\u2713      /i.img  image\n\u2717      /p"));
+    style.bUtf8 = false;
+    style.nWidth = 20;
+    EXPECT_EQ(WhereReport(whereabouts, style), WhereReport(whereabouts, Style()))
+        << "a path that is cut is none";
+
+    whereabouts.mounts = 2;
+    EXPECT_THAT(WhereReport(whereabouts, Style()),
+                HasSubstr("/dev/loop3, squashfs, the topmost of 2 mounts there; 2 opens rely"));
+}
+
+TEST(WhereReport, TellsWhatAHostServes) {
+    admin::Whereabouts whereabouts = At(2, false, true, false);
+    whereabouts.ownGroups = {Launcher("Weather", "40200", {"Chat", "Mail"})};
+    std::string strReport = WhereReport(whereabouts, Style());
+    EXPECT_THAT(strReport, HasSubstr("\n\nIS ITSELF A       PORT   SERVES\n"
+                                     "grouping process  40200  Chat, Mail\n"));
+    EXPECT_THAT(strReport, Not(HasSubstr("Nothing serves it now")));
+    EXPECT_EQ(ToJson(whereabouts)["ownGroups"][0]["port"], "40200");
+
+    whereabouts.ownGroups[0].port = "N/A";
+    strReport = WhereReport(whereabouts, Style());
+    EXPECT_THAT(strReport, HasSubstr("grouping process  not running  Chat, Mail\n"));
+    EXPECT_THAT(strReport, HasSubstr("Nothing serves it now.\n"));
+
+    whereabouts.ownGroups.clear();
+    whereabouts.ownLaunchers = {Launcher("Weather", "40100", {"Radio"})};
+    EXPECT_THAT(WhereReport(whereabouts, Style()), HasSubstr("register launcher  40100  Radio\n"));
 }
 
 TEST(WhereReport, SaysThatNothingServes) {
