@@ -48,8 +48,7 @@ std::chrono::milliseconds Milliseconds(double dSeconds) {
     return std::chrono::milliseconds(std::llround(std::ceil(dSeconds * 1000)));
 }
 
-// ---- What values must be
-// --------------------------------------------------------------------------
+// ---- What values must be ----
 
 CLI::Validator NotEmpty() {
     return {[](std::string& strValue) {
@@ -71,8 +70,7 @@ CLI::Validator AtLeastOne() {
             ""};
 }
 
-// ---- Help and complaints
-// --------------------------------------------------------------------------
+// ---- Help and complaints ----
 
 /// Of an option its name and what it takes, of a positional its name.
 class CHelpFormatter : public CLI::Formatter {
