@@ -290,7 +290,7 @@ private:
     /// The decision inside UnmoutEMP.
     bool UnmountUnused(const std::string& strEmp) VOK_REQUIRES(m_mtxMapEmp);
 
-    // Every change of the mount counts is one of these.
+    // Every change of the mount counts, but for the one that a close makes.
     /// The image's entry, with count 0 when it is new (second: true).
     std::pair<MountCounts::iterator, bool> EnterMountCount(const std::string& strImage)
         VOK_REQUIRES(m_mtxMapEmp);

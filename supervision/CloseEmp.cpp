@@ -125,7 +125,8 @@ bool CBroker::LowerMountCount(const std::string& strImage) {
 
     CLOSE_LOG(LEVEL_TRACE, "[Before-Umount] Count Reduce 1, Emp=[%s], count=[%d].",
               strImage.c_str(), it->second);
-    AddToMountCount(it, -1);
+    const CLock change{m_mtxMountCount};  // over the record as well
+    --it->second;
     CLOSE_LOG(LEVEL_TRACE, "[After-Umount] Count Reduce 1, Emp=[%s], count=[%d].", strImage.c_str(),
               it->second);
     return true;

@@ -23,13 +23,6 @@ struct BrokerProbe {
         broker.m_mapEmp[strImage] = nCount;
     }
 
-    /// As an open holds it over a mount, which may take as long as the disk does.
-    template <typename What>
-    static void WhileMounting(CBroker& broker, What what) {
-        const CLock lock{broker.m_mtxMapEmp};
-        what();
-    }
-
     static void TakeCountUpdateLock(CBroker& broker) { const CLock lock{broker.m_mtxMountCount}; }
 
     static TicketMap Tickets(CBroker& broker) {

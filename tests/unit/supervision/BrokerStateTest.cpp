@@ -136,13 +136,16 @@ TEST_F(BrokerStateTest, EmpsAreSortedAndToldWithTheirPlace) {
 }
 
 TEST_F(BrokerStateTest, ItIsToldWhileAnImageIsBeingMounted) {
-    BrokerProbe::SetMountCount(m_Broker, "Weather", 2);
     std::future<admin::BrokerState> state;
-    BrokerProbe::WhileMounting(m_Broker, [&] {
+    m_Fake.AddImage("Weather");
+    m_Fake.mounter.OnMount([&] {
         state = std::async(std::launch::async, [this] { return State(); });
         EXPECT_EQ(state.wait_for(std::chrono::seconds{30}), std::future_status::ready);
+        throw std::runtime_error("enough");
     });
-    EXPECT_THAT(state.get().mounts, ElementsAre(MountOf("Weather", 2, false)));
+    ConnectionInfo info;
+    m_Broker.OpenEmp(info, "40001", "Weather", "1.0", "app");
+    EXPECT_THAT(state.get().mounts, ElementsAre(MountOf("Weather", 0, false)));
 }
 
 TEST_F(BrokerStateTest, ConnectionsAreSortedByEmpThenPort) {

@@ -4,6 +4,7 @@
 #include <future>
 #include <ostream>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -72,13 +73,16 @@ protected:
 };
 
 TEST_F(WhereaboutsTest, ItIsToldWhileAnImageIsBeingMounted) {
-    BrokerProbe::SetMountCount(m_Broker, "Weather", 2);
     std::future<admin::Whereabouts> whereabouts;
-    BrokerProbe::WhileMounting(m_Broker, [&] {
+    m_Fake.AddImage("Weather");
+    m_Fake.mounter.OnMount([&] {
         whereabouts = std::async(std::launch::async, [this] { return Where("Weather"); });
         EXPECT_EQ(whereabouts.wait_for(std::chrono::seconds{30}), std::future_status::ready);
+        throw std::runtime_error("enough");
     });
-    EXPECT_EQ(whereabouts.get().mount.count, 2);
+    ConnectionInfo info;
+    m_Broker.OpenEmp(info, "40001", "Weather", "1.0", "app");
+    EXPECT_EQ(whereabouts.get().mount.image, "Weather");
 }
 
 // ---- Files ----
