@@ -79,7 +79,7 @@ fresh_follow_guide() {
 # fresh_fetch GUIDE FOLDER: what its apt line installs, into apt's cache.
 fresh_fetch() {
   local line
-  line=$(sed -n '/^apt install/,/[^\\]$/p' "$1" | tr -d '\\\n')
+  line=$(sed -n '/^apt install/{:next;/\\$/{N;b next;};p;}' "$1" | tr -d '\\\n')
   [[ -n $line ]] && debian_run_apt update &&
     debian_quietly debian_with_network sh -c "cd $2 && $line --download-only"
 }
