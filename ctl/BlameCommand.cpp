@@ -14,14 +14,14 @@ namespace {
 void Draw(const Options& options, COutput& output, const std::vector<OpenSpans>& opens,
           const std::string& strNone) {
     const std::string strSvg = BlameSvg(opens, strNone);
-    const std::string strText =
-        options.strSvg + ": " + (opens.empty() ? strNone : BlameSummary(opens));
+    const std::string strSummary = opens.empty() ? strNone : BlameSummary(opens);
     if (options.strSvg == "-") {
         output.Add(strSvg);
         output.Flush();
-        output.AddNote(strText);
+        output.AddNote(strSummary);
         return;
     }
+    const std::string strText = options.strSvg + ": " + strSummary;
     const bool bFile = IsFileOrMissing(options.strSvg);
     WriteFileAtOnce(options.strSvg, strSvg);
     if (!bFile)

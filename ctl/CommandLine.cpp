@@ -62,7 +62,9 @@ CLI::Validator AtLeastOne() {
                 const char* const pEnd = strValue.data() + strValue.size();
                 int nValue = 0;
                 const auto result = std::from_chars(strValue.data(), pEnd, nValue);
-                if (result.ec == std::errc() && result.ptr == pEnd && nValue >= 1)
+                // The library would take 010 for eight.
+                const bool bDecimal = !strValue.empty() && strValue.front() != '0';
+                if (bDecimal && result.ec == std::errc() && result.ptr == pEnd && nValue >= 1)
                     return std::string();
                 return strValue + " is no number from 1 to " +
                        std::to_string(std::numeric_limits<int>::max());
@@ -288,7 +290,7 @@ void CParser::AddViews() {
     Add(m_App, "list", "EMPs and who is connected to them", eCommand::List)
         ->add_flag("--names", m_Options.bNames,
                    "Only the names of the EMPs, installed ones too; works without a broker");
-    Add(m_App, "show", "All about one EMP that the broker knows", eCommand::Show)
+    Add(m_App, "show", "All about one EMP, grouping process or launcher", eCommand::Show)
         ->add_option("NAME", m_Options.strName, "The EMP")
         ->required()
         ->check(NotEmpty());
@@ -414,7 +416,7 @@ const CLI::App& CParser::Deepest() const {
 /// does not know.
 std::string CParser::WhichCommand() const {
     const std::vector<std::string> words = m_App.remaining(true);
-    if (words.empty()) return "which command?";
+    if (words.empty() || words.front() == "--") return "which command?";
     if (words.front().rfind('-', 0) == 0) return "there is no option \"" + words.front() + '"';
     const std::string strNearest = NearestCommand(Deepest(), words.front());
     return "there is no command \"" + words.front() + '"' +

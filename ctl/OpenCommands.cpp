@@ -43,7 +43,8 @@ public:
     explicit CConnection(const Options& options)
         : m_Options(options),
           m_Broker(WaitFor(options, kOpenPatience, m_Signals.EndFd())),
-          m_Events((m_Broker.CheckServes(), CCallbackServer())) {}
+          m_Events((CBrokerClient{WaitFor(options, kCallPatience, m_Signals.EndFd())}.CheckServes(),
+                    CCallbackServer())) {}
 
     void Open();
     /// False when the broker says that it has not.
@@ -217,14 +218,21 @@ void CheckIsConnected(const Options& options) {
         state = CAdminClient{WaitFor(options)}.GetState();
     } catch (const CFailure& failure) {
         if (failure.Exit() == EXIT_NO_BROKER || failure.Exit() == EXIT_NO_ANSWER) throw;
+        // Which has its own words for what is no broker.
+        if (failure.Exit() == EXIT_FAILED) CBrokerClient{WaitFor(options)}.CheckServes();
         throw CFailure(failure.Exit(),
                        std::string("whether there is such a connection cannot be looked up: ") +
                            failure.what() + "; --force closes without");
     }
-    if (HasConnection(state, options.strName, options.strPort, options.strClientPort)) return;
-    throw CFailure(EXIT_FAILED, "the broker has no connection of " + options.strClientPort +
-                                    " to " + options.strName + " at port " + options.strPort +
-                                    ": \"vokctl list\" shows what there is");
+    if (!HasConnection(state, options.strName, options.strPort, options.strClientPort))
+        throw CFailure(EXIT_FAILED, "the broker has no connection of " + options.strClientPort +
+                                        " to " + options.strName + " at port " + options.strPort +
+                                        ": \"vokctl list\" shows what there is");
+    if (!KnowsEmp(state, options.strName))
+        throw CFailure(EXIT_FAILED,
+                       "the broker has forgotten " + options.strName +
+                           ", and would say that it is closed: its connection is there "
+                           "until its process reports its end");
 }
 
 int HoldOpen(const Options& options, COutput& output, CConnection& connection) {

@@ -234,6 +234,11 @@ bool HasConnection(const admin::BrokerState& state, const std::string& strEmp,
         });
 }
 
+bool KnowsEmp(const admin::BrokerState& state, const std::string& strEmp) {
+    return std::any_of(state.emps.begin(), state.emps.end(),
+                       [&](const admin::EmpState& emp) { return emp.name == strEmp; });
+}
+
 std::vector<std::string> NamesIn(const admin::BrokerState& state) {
     std::set<std::string> names;
     for (const admin::EmpState& emp : state.emps) names.insert(emp.name);

@@ -28,6 +28,9 @@ std::optional<std::string> EmpReport(const admin::BrokerState& state, const std:
 admin::BrokerState StateOf(const admin::BrokerState& state, const std::string& strEmp);
 bool KnowsNothing(const admin::BrokerState& state);
 
+/// Whether the broker has a record of the EMP.
+bool KnowsEmp(const admin::BrokerState& state, const std::string& strEmp);
+
 /// Whether this client is connected to this server of the EMP.
 bool HasConnection(const admin::BrokerState& state, const std::string& strEmp,
                    const std::string& strEmpPort, const std::string& strClientPort);

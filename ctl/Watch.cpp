@@ -2,6 +2,7 @@
 // however the program ends, the last look stays.
 #include <poll.h>
 
+#include <array>
 #include <cstdio>
 #include <optional>
 
@@ -140,7 +141,7 @@ void CWatch::Run() {
     m_Output.SetInterrupt(m_Signals.EndFd());
     for (int i = 1; Look() && i != m_Options.nFrames && AwaitNext(); ++i) {
     }
-    if (!m_Output.GetStyle().bTerminal) return;
+    if (m_Options.bJson || !m_Output.GetStyle().bTerminal) return;
     m_Output.Add("\r\x1B[K");  // over what a terminal makes of Ctrl-C
     m_Output.Flush();
 }

@@ -143,10 +143,14 @@ check_vokctl() {
 }
 
 check_environment() {
-  local variable
-  for variable in $(variables_of_the_code); do
-    grep -qE "^\.It Ev (.* )?$variable( |\$)" "$page" ||
-      complain "$page does not know that $variable is heeded."
+  local variable heeded told
+  heeded=$(variables_of_the_code | sort -u)
+  told=$(sed -n 's/^\.It Ev //p' "$page" | tr -d , | tr -s ' ' '\n' | sort -u)
+  for variable in $(without "$heeded" "$told"); do
+    complain "$page does not know that $variable is heeded."
+  done
+  for variable in $(without "$told" "$heeded"); do
+    complain "$page names $variable, which nothing heeds."
   done
 }
 

@@ -50,7 +50,8 @@ try 'names --colour, which no command has.' sed 's/^# vokctl status$/& --colour/
 try 'does not know "sweep".' sed 's/^\.It Cm sweep$/.It Em sweep/'
 try 'does not know "launcher add-emp".' sed 's/^\.It Cm launcher add-emp /.It Cm launcher add /'
 
-try 'does not know that TERM is heeded.' sed 's/^\.It Ev TERM$/.It Ev TERMINAL/'
+try 'does not know that TERM is heeded.' sed 's/^\.It Ev TERM$/.It Em TERM/'
+try 'names COLUMNS, which nothing heeds.' sed 's/^\.It Ev TERM$/.It Ev TERM , COLUMNS/'
 try 'does not know that LC_CTYPE is heeded.' sed 's/ , LC_CTYPE , / , /'
 
 exit "$status"

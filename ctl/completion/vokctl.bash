@@ -76,8 +76,9 @@ _vokctl() {
     esac
   done
 
-  if [[ $current == -* && $command == @(call|execute) && $positionals -gt 0 ]]; then
-    return # it is, or soon will be, what is passed on
+  if [[ $current == -* && ($command == execute && $positionals -ge 1 ||
+    $command == call && $positionals -ge 2) ]]; then
+    return # it is passed on
   elif [[ $current == -* ]]; then
     _vokctl_words "$current" < <(_vokctl_options "$command")
   elif [[ -z $command ]]; then

@@ -141,7 +141,7 @@ TEST_F(AdminCommands, PictureOnTheStandardOutputIsAlone) {
     for (const char* const szPath : {"-", "/dev/stdout"}) {
         const VokctlResult result = Run({"blame", "--svg", szPath});
         EXPECT_EQ(result.nExit, 0) << result.strErr;
-        EXPECT_EQ(result.strErr, std::string(szPath) + ": 2 opens, 110 ms: 2 started\n");
+        EXPECT_THAT(result.strErr, ::testing::EndsWith("2 opens, 110 ms: 2 started\n"));
         pugi::xml_document document;
         EXPECT_TRUE(document.load_string(result.strOut.c_str())) << result.strOut;
         EXPECT_THAT(result.strOut, ::testing::EndsWith("</svg>\n"));

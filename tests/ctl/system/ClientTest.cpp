@@ -259,6 +259,23 @@ TEST_F(ClientCommands, CloseThatCannotBeLookedUpTakesForce) {
     EXPECT_EQ(holder.Finish().nExit, 0);
 }
 
+/// What a broker does about such a close is to say that it is done.
+TEST_F(ClientCommands, CloseOfAForgottenEmpIsNotCalledDone) {
+    CVokctl holder{{"open", "--hold", "--json", "Weather"}};
+    ASSERT_TRUE(holder.AwaitOutput("}\n"));
+    const json opened = json::parse(holder.Output());
+    EXPECT_EQ(Vokctl({"close", "--force", "Weather", "1", "2"}).nExit, 1);
+
+    const VokctlResult result =
+        Vokctl({"close", "Weather", opened["empPort"], opened["clientPort"]});
+    EXPECT_EQ(result.nExit, 1);
+    EXPECT_THAT(result.strErr, HasSubstr("has forgotten Weather"));
+    EXPECT_EQ(result.strOut, "");
+    // Nobody else does.
+    for (const int nPid : ProcessesOf(CEmpInstaller::ProgramPath("Weather")))
+        EXPECT_EQ(::kill(nPid, SIGTERM), 0);
+}
+
 TEST_F(ClientCommands, CallGivesTheAnswerAndCloses) {
     const VokctlResult result = Vokctl({"call", "Weather", "Echo", "gr\u00FC\u00DF\nGott\x1B"});
     EXPECT_EQ(result.nExit, 0) << result.strErr;

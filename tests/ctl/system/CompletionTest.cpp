@@ -56,10 +56,10 @@ TEST(Completion, OffersCommandsOptionsAndNames) {
     EXPECT_EQ(Offers("vokctl show Nob", 3), " 0\n");
 }
 
-/// What follows may be the command word, and is passed on.
-TEST(Completion, OffersNoOptionsOnceCallAndExecuteHaveANameOrCommand) {
+/// What follows it is passed on.
+TEST(Completion, OffersNoOptionsBehindTheCommandWord) {
     EXPECT_EQ(Offers("vokctl call --l", 3), "--list 0\n");
-    EXPECT_EQ(Offers("vokctl call Weather --l", 4), " 0\n");
+    EXPECT_EQ(Offers("vokctl call Weather --l", 4), "--list 0\n");
     EXPECT_EQ(Offers("vokctl call Weather Echo --", 5), " 0\n");
     EXPECT_EQ(Offers("vokctl execute --arg", 3), "--arg1 0\n");
     EXPECT_EQ(Offers("vokctl execute GetVOKVersion --", 4), " 0\n");

@@ -126,6 +126,7 @@ TEST(WrongWord, IsNamedAndTheNearestCommandWithIt) {
     EXPECT_THAT(Parse({"[bogus"}).strText, HasSubstr("no command \"[bogus\""));
     EXPECT_THAT(Parse({""}).strText, HasSubstr("no command \"\""));
     EXPECT_THAT(Parse({}).strText, HasSubstr("which command?"));
+    EXPECT_THAT(Parse({"--", "status"}).strText, HasSubstr("which command?"));
 }
 
 TEST(WrongUsageText, NamesTheHelpOfTheCommandAtHand) {
@@ -137,7 +138,7 @@ TEST(WrongUsageText, NamesTheHelpOfTheCommandAtHand) {
 TEST(WrongUsageText, OfANumberIsShort) {
     EXPECT_EQ(Parse({"blame", "--most", "0"}).strText,
               "--most: 0 is no number from 1 to 2147483647 (vokctl blame --help tells more)");
-    for (const char* const szCount : {"-3", "x", "", "1.5", "99999999999"})
+    for (const char* const szCount : {"-3", "x", "", "1.5", "010", "99999999999"})
         EXPECT_THAT(Parse({"watch", "--count", szCount}).strText,
                     HasSubstr(std::string(szCount) + " is no number from 1 to 2147483647"));
 }
