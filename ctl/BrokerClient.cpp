@@ -23,6 +23,8 @@ const std::string kWhoHasThePort =
 constexpr char kMayStillOpen[] =
     "; it may still open: \"vokctl list\" tells, \"vokctl sweep\" closes it";
 
+constexpr char kVersionWord[] = "GetVOKVersion";
+
 /// A connect to an interface that is down would wait for its time-out.
 void CheckLoopback() {
     if (IsLoopbackUp()) return;
@@ -66,6 +68,15 @@ void CallBroker(const Waiting& waiting, Act act) {
     rpc.Call(act);
 }
 
+/// Throws CCallError.
+std::string AskVersion(const Waiting& waiting) {
+    std::string strVersion;
+    CallBroker(waiting, [&](VokBrokerClient& broker) {
+        broker.Execute(strVersion, "", kVersionWord, "", "", "", "");
+    });
+    return strVersion;
+}
+
 template <typename Act>
 void AskBroker(const Waiting& waiting, Act act, const char* szAfterTimeout = "") {
     try {
@@ -93,7 +104,6 @@ std::string At(const std::vector<std::string>& texts, std::size_t i) {
 }
 
 constexpr std::size_t kPlainArguments = 4;
-constexpr char kVersionWord[] = "GetVOKVersion";
 
 }  // namespace
 
@@ -101,9 +111,7 @@ void CBrokerClient::CheckServes() const {
     const std::string strPort = std::to_string(kBrokerPort);
     std::string strVersion;
     try {
-        CallBroker(m_Waiting, [&](VokBrokerClient& broker) {
-            broker.Execute(strVersion, "", kVersionWord, "", "", "", "");
-        });
+        strVersion = AskVersion(m_Waiting);
     } catch (const CCallError& error) {
         if (error.Trouble() == eTrouble::Refused || error.Trouble() == eTrouble::Interrupted)
             ThrowBrokerFailure(error, m_Waiting);

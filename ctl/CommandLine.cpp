@@ -51,14 +51,14 @@ std::chrono::milliseconds Milliseconds(double dSeconds) {
 // ---- What values must be ----
 
 CLI::Validator NotEmpty() {
-    return {[](std::string& strValue) {
+    return {[](const std::string& strValue) {
                 return strValue.empty() ? std::string("may not be empty") : std::string();
             },
             ""};
 }
 
 CLI::Validator AtLeastOne() {
-    return {[](std::string& strValue) {
+    return {[](const std::string& strValue) {
                 const char* const pEnd = strValue.data() + strValue.size();
                 int nValue = 0;
                 const auto result = std::from_chars(strValue.data(), pEnd, nValue);

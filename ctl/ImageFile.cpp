@@ -10,12 +10,16 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 #include "platform/CUniqueFd.h"
 
 namespace vok::ctl {
 
 namespace {
+
+using ElfHeader = ElfW(Ehdr);
+using ElfSegment = ElfW(Phdr);
 
 /// Enough for the first block of every file system that is recognised.
 constexpr std::size_t kBegin = 2048;
@@ -102,15 +106,16 @@ std::string ProcessorOf(const std::string& strBegin) {
 /// The size that a program for this machine needs to have for the kernel to load it: up to the end
 /// of its last segment. What of its table lies beyond what was read counts as nothing.
 std::uint64_t SizeOfSegments(const std::string& strBegin) {
-    ElfW(Ehdr) header{};
+    ElfHeader header{};
     if (strBegin.size() < sizeof header) return sizeof header;
     std::memcpy(&header, strBegin.data(), sizeof header);
-    std::uint64_t nEnd = header.e_phoff + std::uint64_t{header.e_phnum} * sizeof(ElfW(Phdr));
-    for (std::size_t i = 0; i < header.e_phnum; ++i) {
-        const std::uint64_t nAt = header.e_phoff + i * sizeof(ElfW(Phdr));
-        ElfW(Phdr) segment{};
-        if (nAt > strBegin.size() || strBegin.size() - nAt < sizeof segment) break;
-        std::memcpy(&segment, strBegin.data() + nAt, sizeof segment);
+    std::uint64_t nEnd = header.e_phoff + std::uint64_t{header.e_phnum} * sizeof(ElfSegment);
+    if (header.e_phoff > strBegin.size()) return nEnd;
+    std::string_view strTable = std::string_view(strBegin).substr(header.e_phoff);
+    ElfSegment segment{};
+    for (int i = 0; i < header.e_phnum && strTable.size() >= sizeof segment; ++i) {
+        std::memcpy(&segment, strTable.data(), sizeof segment);
+        strTable.remove_prefix(sizeof segment);
         if (segment.p_type == PT_LOAD)
             nEnd = std::max(nEnd, std::uint64_t{segment.p_offset} + segment.p_filesz);
     }
