@@ -16,7 +16,7 @@ packages_demo=(
 # To run the tests: images to mount, a private world to do it in, and what readers of the guides have.
 packages_test=(
   python3 python3-thrift python3-six squashfs-tools erofs-utils e2fsprogs
-  iproute2 mount util-linux procps net-tools spin make man-db mandoc
+  iproute2 mount util-linux procps net-tools spin make man-db mandoc zsh
 )
 # To build and run the bench, besides those of the tests: what it writes, and what is measured beside
 # the broker.

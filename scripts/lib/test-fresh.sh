@@ -8,9 +8,10 @@ source "${BASH_SOURCE[0]%/*}/test-packages.sh"
 # shellcheck disable=SC2034  # for scripts/test
 packages_fresh=(dpkg-dev file debootstrap iproute2 util-linux python3 squashfs-tools)
 
-# Where the packages and the tree are in there.
+# Where the packages and the tree are in there. Every user may look into the tree: some tests are other
+# users.
 fresh_packages=/packages
-fresh_tree=/root/vok-broker
+fresh_tree=/srv/vok-broker
 
 # run_fresh short|long: the short form follows the guides alone.
 run_fresh() {
