@@ -55,7 +55,9 @@ set(vok_program_mode ${vok_file_mode} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 
 function(vok_install_broker)
   install(TARGETS vok-broker RUNTIME COMPONENT broker)
-  install(PROGRAMS ${vok_packaging}/launch DESTINATION ${vok_libexec_dir} COMPONENT broker)
+  install(PROGRAMS ${vok_packaging}/launch ${vok_packaging}/end-stray
+          DESTINATION ${vok_libexec_dir} COMPONENT broker)
+  install(FILES ${vok_packaging}/find-daemon DESTINATION ${vok_libexec_dir} COMPONENT broker)
   vok_install_configured(await-ready.in await-ready ${vok_libexec_dir} broker ${vok_program_mode})
   vok_install_configured(vok-broker.service.in vok-broker.service lib/systemd/system broker
                          ${vok_file_mode})

@@ -29,7 +29,7 @@ lint_format() {
 # Every script, by its first line or its name.
 lint_scripts() {
   {
-    git grep -lzE '^#!/bin/(ba)?sh$' -- .
+    git grep -lzE '^(#!/bin/(ba)?sh|# shellcheck shell=.*)$' -- .
     git ls-files -z -- 'scripts/lib/*.sh'
   } | sort -zu | xargs -0 shellcheck --external-sources
 }

@@ -340,6 +340,7 @@ packages_try_under_systemd() {
   packages_unit_is_open_to_emps
   packages_unit_restarts
   packages_unit_stops
+  packages_unit_stops_while_it_starts
   packages_unit_without_plugins
   packages_unit_upgrades
   packages_unit_purges
@@ -429,24 +430,50 @@ packages_unit_stops() {
   check "an EMP has survived the stop" inside test -e "/proc/$packages_emp/exe"
   check "it starts beside that EMP" inside systemctl start vok-broker
   check "systemd watches the daemon, not the EMP" packages_main_pid_is_daemon
-  inside_kill TERM "$packages_emp"
+  inside systemctl stop vok-broker
 }
 
+# Whenever the stop comes: while launch looks for the daemon, while that one is awaited, afterwards.
+packages_unit_stops_while_it_starts() {
+  local seconds
+  for seconds in 0 0 0 0.03 0.06 0.1 0.2 0.5 1; do
+    check "a stop $seconds s into a start leaves no broker" packages_unit_is_stopped_after "$seconds"
+  done
+  check "an EMP has survived all that" inside test -e "/proc/$packages_emp/exe"
+}
+
+# shellcheck disable=SC2016  # the shell inside expands it
+packages_unit_is_stopped_after() {
+  packages_forget_failures
+  inside sh -c 'systemctl --no-block start vok-broker && sleep "$1" && systemctl stop vok-broker' \
+    sh "$1" && [[ -z $(pid_inside /usr/bin/vok-broker) ]] && property_is ActiveState inactive &&
+    property_is Result success
+}
+
+# So many starts are otherwise too many.
+packages_forget_failures() { inside systemctl reset-failed vok-broker 2>/dev/null || true; }
+
 packages_unit_without_plugins() {
-  inside systemctl stop vok-broker
   inside mv /opt/down/pepper /opt/down/put-away
+  packages_forget_failures
   inside systemctl start vok-broker
   check "it is not tried where there is no plug-in set" property_is ConditionResult no
   check "which is no failure" property_is ActiveState inactive
-  # With a set that cannot be mounted it is tried, and fails.
+  # With a set that cannot be mounted it is tried, and fails: at once, though there is an EMP.
   inside install -D /dev/null /usr/bin/emps/empPepperPlugins/empPepperPlugins.img
-  check "a start that fails is told" packages_answers failed inside systemctl start vok-broker
+  check "a start that fails is told" \
+    packages_answers 'exited with error code' inside systemctl start vok-broker
   check_soon "$package_start_seconds" "and tried again" not property_is NRestarts 0
   inside systemctl stop vok-broker
-  inside systemctl reset-failed vok-broker 2>/dev/null || true
+  check "the stop of that leaves no broker" test -z "$(pid_inside /usr/bin/vok-broker)"
+  inside_kill TERM "$packages_emp"
+
   inside rm -r /usr/bin/emps/empPepperPlugins
+  inside rmdir /opt/down/pepper # where the mount was tried
   inside mv /opt/down/put-away /opt/down/pepper
+  packages_forget_failures
   check "it starts again" inside systemctl start vok-broker
+  check "and is watched" packages_main_pid_is_daemon
 }
 
 packages_unit_upgrades() {
@@ -459,9 +486,13 @@ packages_unit_upgrades() {
   check "it serves" packages_client_echoes
 }
 
+packages_nothing_serves() {
+  ! packages_serves && [[ -z $(pid_inside '/usr/bin/vok-broker\( (deleted)\)\?') ]]
+}
+
 packages_unit_purges() {
   check "dpkg purges it while it runs" debian_quietly inside dpkg --purge "${package_names[@]}"
-  check "nothing serves any more" not packages_serves
+  check "nothing serves any more" packages_nothing_serves
   check "there is no such unit" property_is LoadState not-found
   local path
   for path in /run/vok-broker /run/vok-broker.pid /opt/down/emps/empPepperPlugins /usr/bin/vok-broker /usr/bin/emps \
