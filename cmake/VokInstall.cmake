@@ -53,6 +53,28 @@ endfunction()
 set(vok_file_mode OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 set(vok_program_mode ${vok_file_mode} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 
+# vok_install_guide(NAME DIR COMPONENT): docs/NAME, whose links lead to where things are installed.
+function(vok_install_guide name dir component)
+  set(source ${PROJECT_SOURCE_DIR}/docs/${name})
+  set(made ${PROJECT_BINARY_DIR}/installed/${name})
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+  file(READ ${source} text)
+  foreach(other ${vok_doc_dir}/INTEGRATION.md ${vok_doc_dir}/VOKCTL.md
+                ${vok_dev_doc_dir}/WRITING_AN_EMP.md ${vok_dev_doc_dir}/WRITING_A_LAUNCHER.md)
+    get_filename_component(other_name ${other} NAME)
+    file(RELATIVE_PATH link /${dir} /${other})
+    string(REPLACE "](${other_name}" "](${link}" text "${text}")
+  endforeach()
+  file(RELATIVE_PATH to_idl /${dir} /${vok_idl_dir})
+  file(RELATIVE_PATH to_examples /${dir} /${vok_example_dir})
+  string(REPLACE "](../rpc/" "](${to_idl}/" text "${text}")
+  string(REPLACE "](../examples/" "](${to_examples}/" text "${text}")
+  # Of what is not installed, the name is left.
+  string(REGEX REPLACE "\\[([^]]+)\\]\\(PERFORMANCE[^)]*\\)" "\\1" text "${text}")
+  file(WRITE ${made} "${text}")
+  install(FILES ${made} DESTINATION ${dir} COMPONENT ${component})
+endfunction()
+
 function(vok_install_broker)
   install(TARGETS vok-broker RUNTIME COMPONENT broker)
   install(PROGRAMS ${vok_packaging}/launch ${vok_packaging}/end-stray
@@ -65,8 +87,7 @@ function(vok_install_broker)
           RENAME vok-broker.conf COMPONENT broker)
   install(FILES ${PROJECT_SOURCE_DIR}/docs/man/vok-broker.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
           COMPONENT broker)
-  install(FILES ${PROJECT_SOURCE_DIR}/docs/INTEGRATION.md DESTINATION ${vok_doc_dir}
-          COMPONENT broker)
+  vok_install_guide(INTEGRATION.md ${vok_doc_dir} broker)
   # The broker looks there whatever the prefix is, so the folder is for /usr only.
   install(CODE "
     if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
@@ -79,7 +100,7 @@ function(vok_install_vokctl)
   install(TARGETS vokctl RUNTIME COMPONENT broker)
   install(FILES ${PROJECT_SOURCE_DIR}/docs/man/vokctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
           COMPONENT broker)
-  install(FILES ${PROJECT_SOURCE_DIR}/docs/VOKCTL.md DESTINATION ${vok_doc_dir} COMPONENT broker)
+  vok_install_guide(VOKCTL.md ${vok_doc_dir} broker)
   install(FILES ${PROJECT_SOURCE_DIR}/ctl/completion/vokctl.bash RENAME vokctl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT broker)
   # Below /usr, Debian's zsh looks into a folder of its own.
@@ -154,9 +175,8 @@ function(vok_install_dev)
   install(FILES ${made}/vokbroker.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
   install(FILES ${PROJECT_SOURCE_DIR}/docs/man/vok-emp.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7
           COMPONENT dev)
-  install(FILES ${PROJECT_SOURCE_DIR}/docs/WRITING_AN_EMP.md
-                ${PROJECT_SOURCE_DIR}/docs/WRITING_A_LAUNCHER.md
-          DESTINATION ${vok_dev_doc_dir} COMPONENT dev)
+  vok_install_guide(WRITING_AN_EMP.md ${vok_dev_doc_dir} dev)
+  vok_install_guide(WRITING_A_LAUNCHER.md ${vok_dev_doc_dir} dev)
 endfunction()
 
 # To look at and copy, to run, and an EMP that is where the broker looks for it.

@@ -193,6 +193,7 @@ packages_try_by_hand() {
   check "the unit is enabled" \
     inside test -L /etc/systemd/system/multi-user.target.wants/vok-broker.service
   check "the folders of downloaded EMPs are there" inside test -d /opt/down/emps
+  check "the links of the guides lead somewhere" packages_links_lead_somewhere
 
   packages_use_by_hand
   packages_lay_out_own_emp
@@ -201,6 +202,19 @@ packages_try_by_hand() {
   check "EMPs that are no part of it stay" inside test -x /usr/bin/emps/empOwn/empOwn
   packages_purge_by_hand
   debian_leave
+}
+
+# Within the guides that are installed; to a heading is to its file.
+packages_links_lead_somewhere() {
+  local guide link links=0 lost=0
+  for guide in "$debian_root"/usr/share/doc/{vok-broker,libvokbroker-dev}/*.md; do
+    while IFS= read -r link; do
+      links=$((links + 1))
+      [[ -e ${guide%/*}/$link ]] || { note "${guide##*/}: $link"; lost=$((lost + 1)); }
+    done < <(sed 's/](/\n](/g' "$guide" | sed -n 's/^](\([^)#:]*\)\(#[^)]*\)\?).*/\1/p' | grep .)
+  done
+  note "$links links"
+  ((links > 0 && lost == 0))
 }
 
 # packages_install RELEASE: with what they depend on, from the mirror.
