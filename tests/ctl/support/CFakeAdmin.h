@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -15,16 +16,17 @@
 
 namespace vok::test {
 
-/// The answers. Set before the server exists; `hang` runs with every call.
+/// The answers. Set before the server exists; `hang` runs with every call. What it was told may be
+/// read at any time.
 class CAdminAnswers : public admin::VokBrokerAdminIf {
 public:
     void SetDebugLevel(const std::int32_t level) override {
         Begin();
-        state.debugLevel = level;
+        nToldLevel = level;
     }
     void EnablePing(const bool enable) override {
         Begin();
-        state.pingEnabled = enable;
+        bToldPing = enable;
     }
     std::int32_t SweepZombies() override {
         Begin();
@@ -59,6 +61,9 @@ public:
     std::string strRefusal;
     std::int32_t nSwept = 0;
     std::function<void()> hang;
+
+    std::atomic<std::int32_t> nToldLevel{-1};
+    std::atomic<bool> bToldPing{false};
 
 private:
     void Begin() const {

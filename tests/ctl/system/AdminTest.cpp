@@ -152,11 +152,11 @@ TEST_F(AdminCommands, PictureOnTheStandardOutputIsAlone) {
 TEST_F(AdminCommands, ChangesAreConfirmed) {
     m_pAnswers->nSwept = 2;
     EXPECT_THAT(Run({"debug-level", "4"}).strOut, StartsWith("log level 4"));
-    EXPECT_EQ(m_pAnswers->state.debugLevel, 4);
+    EXPECT_EQ(m_pAnswers->nToldLevel, 4);
     EXPECT_EQ(Run({"ping", "on"}).strOut, "pings on\n");
-    EXPECT_TRUE(m_pAnswers->state.pingEnabled);
+    EXPECT_TRUE(m_pAnswers->bToldPing);
     EXPECT_EQ(json::parse(Run({"ping", "off", "--json"}).strOut), json({{"pingEnabled", false}}));
-    EXPECT_FALSE(m_pAnswers->state.pingEnabled);
+    EXPECT_FALSE(m_pAnswers->bToldPing);
     EXPECT_EQ(Run({"sweep"}).strOut, "closed 2 connections of clients that no longer answer\n");
     EXPECT_EQ(json::parse(Run({"sweep", "--json"}).strOut), json({{"closed", 2}}));
     EXPECT_EQ(Run({"close-all", "app", "w"}).strOut, "closed 4 connections of app\n");
@@ -222,10 +222,10 @@ TEST_F(AdminCommands, OutputThatCannotBeWrittenIsAFailure) {
 }
 
 TEST_F(AdminCommands, ReaderThatHasGoneIsNoReasonToShout) {
-    Serve();
     std::promise<void> go;
     const std::shared_future<void> gone = go.get_future().share();
     m_pAnswers->hang = [gone] { gone.wait(); };
+    Serve();
     CVokctl process{{"status"}};
     process.CloseOutput();
     go.set_value();
