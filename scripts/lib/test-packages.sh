@@ -196,6 +196,7 @@ packages_try_by_hand() {
   check "the links of the guides lead somewhere" packages_links_lead_somewhere
 
   packages_use_by_hand
+  packages_try_scripts
   packages_lay_out_own_emp
   heading "The upgrade"
   packages_install 2
@@ -252,6 +253,43 @@ packages_use_by_hand() {
     test "$(inside cat /run/vok-broker.pid)" = "$pid"
   inside_kill TERM "$pid"
   check_soon 10 "it stops, and takes its flag along" packages_has_stopped "$pid"
+}
+
+# The unit's scripts beside a daemon that is told what to do: a shell.
+packages_try_scripts() {
+  heading "What the service manager runs, with a daemon that is none"
+  packages_fake=/root/fake/vok-broker
+  inside install -D /bin/dash "$packages_fake"
+  inside mkfifo /root/fake/never
+  check "launch that is told to end while the daemon forks finishes its job" \
+    packages_launch_finishes
+  check "a daemon that does not listen is ended" packages_deaf_daemon_is_ended
+  check "launch fails with 2, for 1 is a success" \
+    packages_fails_with_2 launch /bin/false /root/fake/pid
+  check "and leaves no process id of another time" not inside test -e /root/fake/pid
+  check "await-ready fails with 2" packages_fails_with_2 await-ready /root/fake/pid
+  inside rm -r /root/fake
+}
+
+# Its parent tells launch to end; the daemon is deaf to that, and waits for nothing.
+packages_launch_finishes() {
+  # shellcheck disable=SC2016  # the shell inside expands it
+  printf '%s\n' 'kill -TERM $PPID' 'trap "" TERM' 'read -r line </root/fake/never &' \
+    >"$debian_root/root/fake/commands"
+  inside sh -c "$package_programs/launch $packages_fake /root/fake/pid </root/fake/commands" &&
+    [[ $(inside cat /root/fake/pid) == "$(pid_inside "$packages_fake")" ]]
+}
+
+packages_deaf_daemon_is_ended() {
+  inside timeout 30 "$package_programs/end-stray" "$packages_fake" &&
+    [[ -z $(pid_inside "$packages_fake") ]]
+}
+
+# packages_fails_with_2 SCRIPT ARGUMENT...
+packages_fails_with_2() {
+  local status=0
+  inside "$package_programs/$1" "${@:2}" >/dev/null 2>&1 || status=$?
+  ((status == 2))
 }
 
 packages_has_stopped() {
@@ -429,8 +467,14 @@ packages_unit_restarts() {
   check "an EMP has survived the crash" inside test -e "/proc/$packages_emp/exe"
   check "systemd watches the daemon, not the EMP" packages_main_pid_is_daemon
   check "it was one restart" property_is NRestarts 1
+  before=$(property MainPID)
+  inside_kill TERM "$before"
+  check_soon "$package_start_seconds" "and when it has ended in another way" \
+    packages_is_new "$before"
   check "it serves" packages_client_echoes
 }
+
+packages_was_restarted() { (($(property NRestarts) > 0)); }
 
 packages_is_new() {
   property_is ActiveState active && ! property_is MainPID "$1"
@@ -464,7 +508,7 @@ packages_unit_is_stopped_after() {
     property_is Result success
 }
 
-# So many starts are otherwise too many.
+# So many starts within a minute are otherwise too many.
 packages_forget_failures() { inside systemctl reset-failed vok-broker 2>/dev/null || true; }
 
 packages_unit_without_plugins() {
@@ -477,7 +521,7 @@ packages_unit_without_plugins() {
   inside install -D /dev/null /usr/bin/emps/empPepperPlugins/empPepperPlugins.img
   check "a start that fails is told" \
     packages_answers 'exited with error code' inside systemctl start vok-broker
-  check_soon "$package_start_seconds" "and tried again" not property_is NRestarts 0
+  check_soon "$package_start_seconds" "and tried again" packages_was_restarted
   inside systemctl stop vok-broker
   check "the stop of that leaves no broker" test -z "$(pid_inside /usr/bin/vok-broker)"
   inside_kill TERM "$packages_emp"
