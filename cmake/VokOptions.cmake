@@ -22,11 +22,6 @@ if(VOK_SANITIZE)
   add_compile_options(-fsanitize=${VOK_SANITIZE} -O1 -fno-omit-frame-pointer
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VOK_SANITIZE})
-  # The RPC library's headers keep a type that a peer has sent in an enumeration before they look at
-  # it. Clang is told which files; GCC cannot be.
-  if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND VOK_SANITIZE MATCHES undefined)
-    add_compile_options(-fno-sanitize=enum)
-  endif()
   if(VOK_BUILD_FUZZERS)
     add_compile_options(-fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/tests/fuzz/undefined.ignore)
   endif()
