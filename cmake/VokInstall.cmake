@@ -53,7 +53,8 @@ endfunction()
 set(vok_file_mode OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 set(vok_program_mode ${vok_file_mode} OWNER_EXECUTE GROUP_EXECUTE WORLD_EXECUTE)
 
-# vok_install_guide(NAME DIR COMPONENT): docs/NAME, whose links lead to where things are installed.
+# vok_install_guide(NAME DIR COMPONENT): docs/NAME, whose links lead to where things are installed,
+# those of other components, too.
 function(vok_install_guide name dir component)
   set(source ${PROJECT_SOURCE_DIR}/docs/${name})
   set(made ${PROJECT_BINARY_DIR}/installed/${name})

@@ -22,6 +22,7 @@ package_programs=/usr/libexec/vok-broker
 package_example_client=$package_programs/examples/example-client
 # Five attempts to mount an update of the plug-in set, and a busy machine.
 package_start_seconds=45
+package_stop_seconds=10 # what the unit gives to each step of a stop
 # Units to compare with: of the packages dbus, systemd and dbus-broker.
 package_known_units=(dbus.service systemd-logind.service dbus-broker.service)
 
@@ -281,7 +282,8 @@ packages_launch_finishes() {
 }
 
 packages_deaf_daemon_is_ended() {
-  inside timeout 30 "$package_programs/end-stray" "$packages_fake" &&
+  [[ -n $(pid_inside "$packages_fake") ]] &&
+    inside timeout "$package_stop_seconds" "$package_programs/end-stray" "$packages_fake" &&
     [[ -z $(pid_inside "$packages_fake") ]]
 }
 
@@ -476,8 +478,10 @@ packages_unit_restarts() {
 
 packages_was_restarted() { (($(property NRestarts) > 0)); }
 
+# Which process it is comes last: one that ends between the looks is no new one.
 packages_is_new() {
-  property_is ActiveState active && ! property_is MainPID "$1"
+  local pid
+  property_is ActiveState active && pid=$(property MainPID) && [[ $pid != 0 && $pid != "$1" ]]
 }
 
 packages_unit_stops() {
@@ -491,7 +495,7 @@ packages_unit_stops() {
   inside systemctl stop vok-broker
 }
 
-# Whenever the stop comes: while launch looks for the daemon, while that one is awaited, afterwards.
+# Whenever the stop comes: while launch looks for the daemon, and while that one is awaited.
 packages_unit_stops_while_it_starts() {
   local seconds
   for seconds in 0 0 0 0.03 0.06 0.1 0.2 0.5 1; do

@@ -3,7 +3,7 @@
 #
 # Completion works only where somebody types, so a shell is given a terminal. It answers through a pipe
 # of its own, for what it draws on the terminal is not for reading.
-zmodload zsh/zpty
+zmodload zsh/zpty || exit
 export TERM=dumb
 folder=$(mktemp -d) || exit
 mkfifo $folder/answer
@@ -36,11 +36,11 @@ SETUP
 
 ask() {
   zpty -w "${@:2}" shell "$1"
-  read -ru $answers answer
+  read -t 20 -ru $answers answer || exit
   while zpty -rt shell drawn; do :; done # its terminal must not be full
 }
 
-zpty shell zsh -f -i
+zpty shell zsh -f -i || { rm -r $folder; exit 1 }
 trap 'zpty -d shell; rm -r $folder' EXIT # not before: the shell would inherit it
 ask ". $folder/setup ${(q)1} $folder"
 while IFS= read -r line; do
