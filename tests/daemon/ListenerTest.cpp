@@ -64,7 +64,8 @@ protected:
         return nCount;
     }
 
-    /// What the clients cost is given back when they have gone.
+    /// What the clients cost is given back when they have gone. Fewer descriptors than once are no
+    /// loss: one that a sanitizer had for a moment may have been among them.
     void ExpectAsBefore() {
         EXPECT_TRUE(CDaemon::Await([&] { return m_Daemon.Threads().size() <= m_nThreads; }))
             << m_Daemon.Threads().size() << " threads, once " << m_nThreads;
@@ -73,7 +74,6 @@ protected:
         })) << m_Daemon.OpenDescriptors().size()
             << " descriptors, once " << m_nDescriptors;
         EXPECT_EQ(m_Daemon.Threads().size(), m_nThreads);
-        EXPECT_EQ(m_Daemon.OpenDescriptors().size(), m_nDescriptors);
     }
 
     CDaemon m_Daemon;

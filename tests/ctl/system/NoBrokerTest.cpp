@@ -311,7 +311,7 @@ TEST(SlowBroker, OpenThatTimesOutTellsWhatMayComeOfIt) {
     const CFakeServer server(std::make_shared<VokBrokerProcessor>(
                                  std::make_shared<CSlowBroker>(end.get_future().share())),
                              kBrokerPort);
-    const VokctlResult result = Vokctl({"open", "X", "--timeout", "0.5"});
+    const VokctlResult result = Vokctl({"open", "X", "--timeout", "2"});
     end.set_value();
     EXPECT_EQ(result.nExit, 5);
     EXPECT_EQ(CountLines(result.strErr), 1);
