@@ -135,7 +135,7 @@ packages_unit_is_stopped_after() {
     property_is Result success
 }
 
-# So many starts within a minute are otherwise too many.
+# So many starts are refused otherwise.
 packages_forget_failures() { inside systemctl reset-failed vok-broker 2>/dev/null || true; }
 
 packages_unit_without_plugins() {
